@@ -1,0 +1,318 @@
+/*
+ * The client interface of libkyp. Plain C11 and C++17.
+ *
+ *     libkyp_init();
+ *     void* conn = libkyp_createInstance(&deviceId, KYP_CONN_TCP);
+ *     libkyp_sync_send(conn, 600, group, offset, data, len, 1000);
+ *     int n = libkyp_sync_recv(conn, &port, answer, sizeof answer, 1000);
+ *     libkyp_releaseInstance(conn);
+ *     libkyp_destory();
+ *
+ * Status   Every call sets the calling thread's status to 0 on entry, except libkyp_get_errno,
+ *          libkyp_strerror, libkyp_createInstanceV2, and libkyp_init from its second call on.
+ *          Calls that return a status return 0 or the code; calls that count bytes return -1 and
+ *          leave the code to libkyp_get_errno(). The codes are those of kypcomm/KypStatus.h.
+ * Handles  A handle names one connection. It is looked up and never followed, so a stale or
+ *          foreign value is answered with KYP_ERR_HANDLE. A handle that one thread releases while
+ *          another uses it is not protected.
+ * Threads  Every call from any thread, several at once for different handles. For one handle the
+ *          pair libkyp_sync_send and libkyp_sync_recv belongs to one thread at a time. A callback
+ *          runs on its connection's receive thread and calls neither libkyp_releaseInstance nor
+ *          libkyp_destory: they wait for that very thread.
+ * C++      Exceptions pass as they stand: std::bad_alloc, std::system_error when a lock or a
+ *          thread cannot be had, and what a single call names.
+ */
+#ifndef KYP_LIBKYP_LIBKYP_H
+#define KYP_LIBKYP_LIBKYP_H
+
+#include <assert.h>
+
+#include "kypcomm/KypConnInfo.h"
+#include "kypcomm/KypStatus.h"
+#include "kypcomm/KypTypes.h"
+#include "utils/Export.h"
+
+static_assert(sizeof(_KypDeviceId) == 6, "the layout is the binary interface");
+static_assert(sizeof(_KypDeviceAddr) == 8, "the layout is the binary interface");
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- version and status ---------------------------------------------------------------------- */
+
+/*
+ * Writes the library's version to three numbers, none of which may be null.
+ * returns  0
+ * thread   any
+ */
+KYP_API int libkyp_version(int* major, int* minor, int* patch);
+
+/*
+ * The calling thread's last status, a code of KypStatus; 0 in a new thread. Other threads, receive
+ * threads among them, have their own.
+ * thread   any, also from a callback
+ */
+KYP_API int libkyp_get_errno(void);
+
+/*
+ * The text of a status code.
+ * returns  a static text, "Unknown error code" for every number without one; never null
+ * thread   any, also from a callback
+ */
+KYP_API char const* libkyp_strerror(int code);
+
+/* ---- start and end --------------------------------------------------------------------------- */
+
+/*
+ * Starts the library, before anything else but the calls above. The first call of the process logs
+ * the version, sets the log threshold to LOG_LEVEL_DEBUG (1), fills the buffer pool and determines
+ * this device's id; later calls do nothing, also after libkyp_destory.
+ * returns  0
+ * thread   any; who comes second waits for the first
+ */
+KYP_API int libkyp_init(void);
+
+/*
+ * Stops and releases every connection and frees the pooled buffers. All handles are void
+ * afterwards. Waits for the receive threads, each for half a second or until its connection attempt
+ * has ended. The rest of the library goes on: new connections may be made without a further
+ * libkyp_init, on buffers that are allocated as needed.
+ * returns  0
+ * thread   any but a callback's; no other call is under way on any handle
+ */
+KYP_API int libkyp_destory(void);
+
+/* ---- connections ----------------------------------------------------------------------------- */
+
+/*
+ * Makes a connection and starts its receive thread. A peer that cannot be reached still gives a
+ * handle: the connection tries again every two seconds, and sends on it fail with
+ * KYP_ERR_DISCONNECTED meanwhile.
+ * id         the device, for KYP_CONN_TCP; copied. Not used otherwise and may then be null
+ * connType   KYP_CONN_TCP, KYP_CONN_DOMAIN or KYP_CONN_DOMAIN_ALIAS
+ * timeoutMs  how long the call waits for a TCP peer; below 100 counts as 100
+ * event      told of changes in the link, or null; also called by this very call, before it
+ *            returns. Never called for a Unix-domain connection
+ * ctx        handed to `event`
+ * returns    the handle, to be given back by libkyp_releaseInstance or libkyp_destory; null with
+ *            libkyp_get_errno() at
+ *              KYP_ERR_PARAM      no `id` for a TCP connection
+ *              KYP_ERR_CONN_TYPE  unknown `connType`, and KYP_CONN_NONE
+ *              KYP_ERR_PROTOCOL   KYP_CONN_IVSHM, which is for libkyp_createInstanceV2 only
+ * thread     any but a callback's
+ */
+KYP_API void* libkyp_createInstanceEx(_KypDeviceId* id, int connType, int timeoutMs,
+                                      KypConnEvent event, void* ctx);
+
+/*
+ * libkyp_createInstanceEx with a `timeoutMs` of 1500 and no callback.
+ */
+KYP_API void* libkyp_createInstance(_KypDeviceId* id, int connType);
+
+/*
+ * Makes a connection from the record of its transport; otherwise as libkyp_createInstanceEx.
+ * The calling thread's status is left as it was when the call succeeds.
+ * connType   any KypConnType
+ * info       KypTcpConnInfo or KypDomainConnInfo; read during the call
+ * infoSize   its exact size
+ * returns    the handle; null with libkyp_get_errno() at
+ *              KYP_ERR_PARAM             `infoSize` does not fit, or no record for TCP
+ *              KYP_ERR_PROTOCOL          KYP_CONN_NONE
+ *              KYP_ERR_UNSUPPORTED_CALL  KYP_CONN_IVSHM, which this release does not support
+ *              KYP_ERR_CONN_TYPE         any other number
+ * thread     any but a callback's
+ */
+KYP_API void* libkyp_createInstanceV2(int connType, void* info, int infoSize, int timeoutMs);
+
+/*
+ * Stops a connection and frees it; the handle is void afterwards. Waits for its receive thread.
+ * returns  KYP_ERR_HANDLE in every case, also when the connection was released
+ * thread   any but a callback's; nobody else uses the handle
+ */
+KYP_API int libkyp_releaseInstance(void* handle);
+
+/*
+ * Sets how long the connection waits from one attempt to the next after its link was lost, and lets
+ * it reconnect.
+ * intervalSec  whole seconds, 2 at start; 0 or below for an attempt in each round, about 100 ms
+ * returns      0, or KYP_ERR_HANDLE
+ * thread       any
+ */
+KYP_API int libkyp_reconnect_delay_set(void* handle, int intervalSec);
+
+/*
+ * Connects once more, on the calling thread; the connection's callback is called from here.
+ * timeoutMs  how long the call waits for a TCP peer; below 50 counts as 50
+ * returns    1 when connected, 0 when not; for an unknown handle 0 with libkyp_get_errno() at
+ *            KYP_ERR_HANDLE
+ * thread     any
+ */
+KYP_API int libkyp_reconnect(void* handle, int timeoutMs);
+
+/*
+ * Starts the connection's receive thread again after libkyp_loop_stop. A new connection's thread
+ * runs already; on a running one nothing happens.
+ * returns  0, or KYP_ERR_HANDLE
+ * thread   any but a callback's
+ */
+KYP_API int libkyp_loop_start(void* handle);
+
+/*
+ * Stops the connection's receive thread and waits for it. The link stays open and nothing is read
+ * from it.
+ * returns  0, or KYP_ERR_HANDLE
+ * thread   any but a callback's
+ */
+KYP_API int libkyp_loop_stop(void* handle);
+
+/* ---- messages -------------------------------------------------------------------------------- */
+
+/*
+ * Sends a request to a logical port of the peer; libkyp_sync_recv fetches the answer. An answer of
+ * an earlier request that was not waited for is dropped.
+ * port         1 to 4096; a peer closes the link on any other
+ * indexGroup, indexOffset  the operation, as the peer's service defines it
+ * data, len    copied before the call returns; `data` may be null when `len` is 0
+ * timeoutMs    how long the call waits for room to send
+ * returns      bytes sent, heads included: `len` + 29; or -1 with libkyp_get_errno() at
+ *                KYP_ERR_HANDLE        unknown handle
+ *                KYP_ERR_INPUT_PARAM   `len` without `data`
+ *                KYP_ERR_DISCONNECTED  the link is down
+ *                0                     the request 500 before this one still waits for its answer,
+ *                                      or the time was up with a part of the frame sent
+ *                any other             the system's errno of the failed send
+ * thread       one thread at a time per handle
+ */
+KYP_API int libkyp_sync_send(void* handle, unsigned short port, unsigned int indexGroup,
+                             unsigned int indexOffset, void* data, unsigned int len, int timeoutMs);
+
+/*
+ * Waits for the answer to the last libkyp_sync_send and hands out its payload. When the answer was
+ * fetched already, hands out what is left of it, without a wait. The wait begins within one second
+ * of the send: an answer that comes later than that with nobody waiting is refused.
+ * port       receives the answer's logical port when there are bytes to hand out; may not be null
+ * buf, len   where the payload goes; a longer payload stays for the next call
+ * timeoutMs  how long the call waits
+ * returns    bytes written to `buf`; or -1 with libkyp_get_errno() at
+ *              KYP_ERR_HANDLE        unknown handle
+ *              KYP_ERR_INPUT_PARAM   no `port`, no `buf`, or a negative `len`; nothing is lost
+ *              KYP_ERR_NO_REQUEST    nothing was sent on this handle yet
+ *              KYP_ERR_RECV_TIMEOUT  no answer in time; a late one goes to the route of its port
+ *              any other             the peer's own code; the payload, if any, is in `buf`
+ * thread     the one that sent
+ */
+KYP_API int libkyp_sync_recv(void* handle, unsigned short* port, char* buf, int len, int timeoutMs);
+
+/*
+ * Has messages for a logical port that answer no request handed to `cb` from now on.
+ * port     501 and above
+ * cb       may register and unregister routes itself
+ * ctx      handed to `cb`; stays valid until the connection is released, since a call may still
+ *          be under way when the route is taken away
+ * returns  0; KYP_ERR_PORT_RESERVED for a port below 501, before the handle is looked at;
+ *          KYP_ERR_HANDLE; KYP_ERR_ROUTE_REGISTERED when the port has a route
+ * thread   any, also from a callback
+ */
+KYP_API int libkyp__registerRouterEvent(void* handle, unsigned short port, KypRouteCallback cb,
+                                        void* ctx);
+
+/*
+ * Takes a route away. Ports below 501 are not protected: without the route of port 103 the
+ * connection's subscriptions fall silent.
+ * returns  0; KYP_ERR_HANDLE; KYP_ERR_ROUTE_REGISTERED when the port has no route
+ * thread   any, also from a callback
+ */
+KYP_API int libkyp__unregisterRouterEvent(void* handle, unsigned short port);
+
+/*
+ * Sends a message to everybody who has subscribed to a topic. Nothing is kept for later: a publish
+ * while the link is down is lost.
+ * indexGroup, indexOffset  handed to the subscribers as they are
+ * topic      a text, not null
+ * data, len  copied before the call returns; `data` may be null when `len` is 0
+ * returns    0; KYP_ERR_HANDLE; KYP_ERR_INPUT_PARAM for no `topic` or `len` without `data`;
+ *            KYP_ERR_PACKET_TOO_LONG when `len`, the topic and 77 exceed 0x5fffff;
+ *            KYP_ERR_DISCONNECTED when the link is down
+ * thread     any
+ */
+KYP_API int libkyp_publish(void* handle, unsigned int indexGroup, unsigned int indexOffset,
+                           char const* topic, char const* data, unsigned int len);
+
+/*
+ * Has messages of a topic handed to `cb` from now on. The subscription is entered also when it
+ * could not be sent; it is sent anew after each reconnection. A second one for a topic replaces the
+ * first. Subscribe before traffic flows: the table of topics has no lock.
+ * topic    a text; null throws std::logic_error
+ * ctx      handed to `cb`
+ * returns  0; KYP_ERR_HANDLE; KYP_ERR_PACKET_TOO_LONG; KYP_ERR_DISCONNECTED when the link is down
+ * thread   one at a time per handle
+ */
+KYP_API int libkyp_subscribe(void* handle, char const* topic, KypTopicCallback cb, void* ctx);
+
+/*
+ * Ends a subscription.
+ * topic    a text; null throws std::logic_error
+ * returns  0; KYP_ERR_HANDLE; KYP_ERR_TOPIC when the topic was not subscribed;
+ *          KYP_ERR_DISCONNECTED when the link is down: the subscription has ended here all the same
+ * thread   one at a time per handle
+ */
+KYP_API int libkyp_unsubscribe(void* handle, char const* topic);
+
+/* ---- identity -------------------------------------------------------------------------------- */
+
+/*
+ * Makes a device id of its text, six decimal numbers with dots: "192.168.1.10.1.1".
+ * text     each number counts with its low eight bits. Null is bad text
+ * out      receives the id, all zero for bad text; may be null
+ * returns  0, also for bad text: a zero id is the only sign
+ * thread   any
+ */
+KYP_API int libkyp_makeKypDeviceId(char const* text, _KypDeviceId* out);
+
+/*
+ * Makes a device address of an id's text and a logical port.
+ * out      receives both; untouched when `text` does not have six fields. May be null
+ * returns  0, also for bad text
+ * thread   any
+ */
+KYP_API int libkyp_makeKypDeviceAddr(char const* text, unsigned short port, _KypDeviceAddr* out);
+
+/*
+ * Asks the device at an IPv4 address for its id, by one datagram to UDP port 38898. Connections to
+ * that id go to `host` from now on.
+ * host       an IPv4 address as text
+ * timeoutMs  how long the call waits for the answer
+ * out        receives the id; untouched when the call fails
+ * returns    0, or
+ *              KYP_ERR_INPUT_PARAM    no `out` or no `host`
+ *              KYP_ERR_SEND           the datagram could not be sent
+ *              KYP_ERR_RECV_TIMEOUT   no answer in time
+ *              KYP_ERR_HEADER_LENGTH, KYP_ERR_PACKET_TOO_SHORT, KYP_ERR_INVOKE_ID  a bad answer;
+ *                                     libkyp_get_errno() stays 0 on these and on the next
+ *              any other              the device's own code
+ * thread     any
+ */
+KYP_API int libkyp_getRemoteKypDeviceId(char const* host, int timeoutMs, _KypDeviceId* out);
+
+/*
+ * Gives the device at an IPv4 address a new id. Connections to that id go to `host` from now on.
+ * deviceIdText  as for libkyp_makeKypDeviceId; bad text assigns the id 0.0.0.0.0.0
+ * returns       as libkyp_getRemoteKypDeviceId; KYP_ERR_INPUT_PARAM for no `host` or no text
+ * thread        any
+ */
+KYP_API int libkyp_setRemoteKypDeviceId(char const* host, char const* deviceIdText, int timeoutMs);
+
+/*
+ * This device's own id; all zero while it cannot be determined. Connections to it go to the
+ * loopback from now on.
+ * returns  0, or KYP_ERR_INPUT_PARAM for no `out`
+ * thread   any
+ */
+KYP_API int libkyp_getLocalKypDeviceId(_KypDeviceId* out);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
