@@ -1,0 +1,33 @@
+// The machine's usable IPv4 network interfaces and the serial number made from the first of them.
+//
+// Threads: any. The serial is determined once per process.
+#ifndef KYP_KYPCOMM_ADAPTER_H
+#define KYP_KYPCOMM_ADAPTER_H
+
+#include <string>
+#include <unordered_map>
+
+#include "utils/Export.h"
+
+// One network interface.
+struct KYP_API _NetAdapterObj {
+    std::string macAddr;      // "00:1a:2b:3c:4d:5e", lower case
+    std::string adapterName;  // "eth0"
+    std::string ipAddr;       // dotted text; empty when the interface is down or has no address
+};
+
+// The interfaces by name, without loopback, docker, tap and can0 (prefixes, in any case). Empty on
+// a failure, which is logged. Determines the runtime serial on the way.
+KYP_API std::unordered_map<std::string, _NetAdapterObj> GetLocalNetAdaptersInfo();
+
+// The serial of this process: the first `mac` that anyone passed, in upper case and without its
+// colons. `adapterName` is only logged.
+KYP_API std::string GetRuntimeSerial(std::string mac, std::string adapterName);
+
+// Upper-case hexadecimal with at least two digits: 10 gives "0A".
+KYP_API std::string IntToHex(int value);
+
+// What GetRuntimeSerial() answers; empty before its first call.
+extern KYP_API std::string g_strCodesysSerailNo;
+
+#endif
