@@ -230,6 +230,7 @@ void end_orphans() {
     if (child == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         sigprocmask(SIG_SETMASK, &callersMask, nullptr);
+        setenv("KYP_SANDBOX", road.name, 1);
         execvp(command[0], command);
         fprintf(stderr, "kyp_sandbox: cannot run %s: %s\n", command[0], strerror(errno));
         _exit(kCannotRun);
@@ -330,6 +331,7 @@ std::string take(Road const& road, char** command, std::vector<std::string> cons
 // Root's namespaces are used one at a time, whoever runs this program file. The lock ends with the
 // process.
 void wait_for_turn() {
+    if (getenv("KYP_SANDBOX") != nullptr) return;
     int const fd = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
     if (fd >= 0) flock(fd, LOCK_EX);
 }
