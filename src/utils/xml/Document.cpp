@@ -1,0 +1,259 @@
+#include "utils/xml/Document.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <thread>
+
+#include "utils/Log.h"
+#include "utils/xml/Element.h"
+
+namespace libkyp {
+namespace xml {
+
+namespace {
+
+// Elements inside each other. Deeper ones are refused before they use up the thread's stack.
+constexpr int kMaxDepth = 1000;
+
+bool is_name_start(char character) {
+    return isalpha(static_cast<unsigned char>(character)) != 0 || character == '_';
+}
+
+bool is_name_part(char character) {
+    return isalnum(static_cast<unsigned char>(character)) != 0 || character == '-' ||
+           character == ':' || character == '_';
+}
+
+}  // namespace
+
+Document::Document() : m_position(0) {}
+
+Document::~Document() = default;
+
+bool Document::load_file(std::string const& path) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file.is_open()) return false;
+
+    load_string(
+        std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()));
+    return true;
+}
+
+void Document::load_string(std::string const& text) {
+    m_text = text;
+    m_position = 0;
+}
+
+bool Document::save_file(std::string const& path, std::string const& content) {
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    if (!file.is_open()) {
+        KYP_LOG(LOG_LEVEL_ERROR, "fstream open file:%s fail,error:%s", path.c_str(),
+                strerror(errno));
+        return false;
+    }
+    // Kept: a failure to write is not reported.
+    file << content;
+    return true;
+}
+
+bool Document::parse(Element& root) {
+    return parse_element(root, 0);
+}
+
+bool Document::parse_element(Element& root, int depth) {
+    skip_white_spaces();
+    if (peek() == '\0') {
+        KYP_LOG(LOG_LEVEL_ERROR, "xml document is empty");
+        return false;
+    }
+    if (!parse_prolog()) return false;
+    // Kept: a text without an element is a success and leaves `root` as it is.
+    if (peek() != '<' || !is_name_start(peek(1))) return true;
+
+    ++m_position;
+    root.name(parse_element_name());
+    skip_white_spaces();
+    if (depth >= kMaxDepth) {
+        KYP_LOG(LOG_LEVEL_ERROR, "xml element %s is deeper than %d", root.name().c_str(),
+                kMaxDepth);
+        return false;
+    }
+    return parse_content(root, depth);
+}
+
+// What may stand before an element: one declaration, one comment, white space.
+bool Document::parse_prolog() {
+    if (starts_with("<?xml") && !parse_declaration()) {
+        KYP_LOG(LOG_LEVEL_ERROR, "xml declaration is error");
+        return false;
+    }
+    skip_white_spaces();
+    if (starts_with("<!--") && !parse_comment()) {
+        KYP_LOG(LOG_LEVEL_ERROR, "xml comment is error");
+        return false;
+    }
+    skip_white_spaces();
+    return true;
+}
+
+// All behind the name: attributes, text, children and the end, in whatever order they come.
+bool Document::parse_content(Element& root, int depth) {
+    bool ended = false;
+    while (!ended) {
+        char const next = peek();
+        bool good = true;
+        if (next == '\0') return true;  // the end of the text closes every open element
+        if (next == '/') {
+            if (peek(1) != '>') {
+                KYP_LOG(LOG_LEVEL_ERROR, "xml empty element is error");
+                return false;
+            }
+            m_position += 2;
+            return true;
+        }
+        if (starts_with("</")) {
+            good = parse_end_tag(root, &ended);
+        } else if (starts_with("<!--")) {
+            good = parse_comment();
+            if (!good) KYP_LOG(LOG_LEVEL_ERROR, "xml comment is error");
+        } else if (next == '<') {
+            good = parse_child(root, depth);
+        } else if (next == '>') {
+            good = parse_after_start_tag(root, depth);
+        } else {
+            good = parse_attr(root);
+        }
+        if (!good) return false;
+        if (!ended) skip_white_spaces();
+    }
+    return true;
+}
+
+bool Document::parse_end_tag(Element const& root, bool* ended) {
+    std::string const tag = "</" + root.name() + ">";
+    size_t const found = m_text.find(tag, m_position);
+    if (found == std::string::npos) {
+        KYP_LOG(LOG_LEVEL_ERROR, "xml element %s end tag not found", root.name().c_str());
+        return false;
+    }
+    if (found == m_position) {
+        m_position += tag.size();
+        *ended = true;
+        return true;
+    }
+    // Kept: with a wrong end tag here and the right one further on the parser stays here for ever.
+    std::this_thread::yield();
+    return true;
+}
+
+bool Document::parse_child(Element& root, int depth) {
+    size_t const start = m_position;
+    Element child;
+    if (!parse_element(child, depth + 1)) return false;
+    if (m_position == start) {
+        // A '<' that begins nothing would be found again and again.
+        KYP_LOG(LOG_LEVEL_ERROR, "xml element %s holds a '<' that begins no element",
+                root.name().c_str());
+        return false;
+    }
+    root.append(child);
+    return true;
+}
+
+bool Document::parse_after_start_tag(Element& root, int depth) {
+    ++m_position;
+    std::string const text = parse_element_text();
+    skip_white_spaces();
+    if (!text.empty()) {
+        root.text(text);
+        return true;
+    }
+
+    // Kept: an element without text gets a child at once, one without a name where none begins.
+    bool const atEnd = peek() == '\0';
+    Element child;
+    // The end of the text is logged by the child and accepted by its parent.
+    if (!parse_element(child, depth + 1) && !atEnd) return false;
+    root.append(child);
+    return true;
+}
+
+bool Document::parse_attr(Element& root) {
+    std::string const key = parse_element_attr_key();
+    skip_white_spaces();
+    if (peek() != '=') {
+        KYP_LOG(LOG_LEVEL_ERROR, "xml element attr is error:%s", key.c_str());
+        return false;
+    }
+    ++m_position;
+    root.attr(key, parse_element_attr_val());
+    return true;
+}
+
+void Document::skip_white_spaces() {
+    while (peek() == ' ' || peek() == '\t' || peek() == '\n' || peek() == '\r') ++m_position;
+}
+
+bool Document::parse_declaration() {
+    skip_white_spaces();
+    return skip_behind("?>");
+}
+
+bool Document::parse_comment() {
+    skip_white_spaces();
+    return skip_behind("-->");
+}
+
+std::string Document::parse_element_name() {
+    skip_white_spaces();
+    size_t const start = m_position;
+    if (is_name_start(peek())) ++m_position;
+    while (m_position > start && is_name_part(peek())) ++m_position;
+    return m_text.substr(start, m_position - start);
+}
+
+std::string Document::parse_element_attr_key() {
+    return parse_element_name();
+}
+
+std::string Document::parse_element_text() {
+    skip_white_spaces();
+    size_t const start = m_position;
+    m_position = std::min(m_text.find('<', start), m_text.size());
+    return m_text.substr(start, m_position - start);
+}
+
+std::string Document::parse_element_attr_val() {
+    skip_white_spaces();
+    if (peek() != '"') {
+        throw std::logic_error("xml element attr value should be in double quotes");
+    }
+    size_t const start = m_position + 1;
+    size_t const end = std::min(m_text.find('"', start), m_text.size());
+    m_position = std::min(end + 1, m_text.size());
+    return m_text.substr(start, end - start);
+}
+
+bool Document::starts_with(char const* mark) const {
+    return m_text.compare(m_position, strlen(mark), mark) == 0;
+}
+
+bool Document::skip_behind(char const* mark) {
+    size_t const found = m_text.find(mark, m_position);
+    if (found == std::string::npos) return false;
+    m_position = found + strlen(mark);
+    return true;
+}
+
+// NUL behind the end of the text.
+char Document::peek(size_t ahead) const {
+    return ahead < m_text.size() - m_position ? m_text[m_position + ahead] : '\0';
+}
+
+}  // namespace xml
+}  // namespace libkyp
