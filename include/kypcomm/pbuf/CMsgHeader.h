@@ -5,7 +5,7 @@
 // Threads:  one owner at a time: the read handler, the thread pool's queue, a worker, or the
 //           connection's send queue.
 // Lifetime: from the first header byte to the last byte handled or sent. Messages come and go with
-//           every frame, so their memory is recycled.
+//           every frame, so their memory is kept for the next.
 #ifndef KYP_KYPCOMM_PBUF_CMSGHEADER_H
 #define KYP_KYPCOMM_PBUF_CMSGHEADER_H
 
@@ -36,6 +36,11 @@ public:
 
     // Gives the buffers back.
     ~CMsgHeader();
+
+    // From a stock of blocks, so the steady state allocates nothing for a message.
+    static void* operator new(std::size_t size);
+    static void operator delete(void* block, std::size_t size);
+
     CMsgHeader(CMsgHeader const&) = delete;
     CMsgHeader& operator=(CMsgHeader const&) = delete;
 
