@@ -191,12 +191,12 @@ KYP_API int libkyp_sync_send(void* handle, unsigned short port, unsigned int ind
  * Waits for the answer to the last libkyp_sync_send and hands out its payload. When the answer was
  * fetched already, hands out what is left of it, without a wait. The wait begins within one second
  * of the send: an answer that comes later than that with nobody waiting is refused.
- * port       receives the answer's logical port when there are bytes to hand out; may not be null
+ * port       receives the answer's logical port when there are bytes to hand out; may be null
  * buf, len   where the payload goes; a longer payload stays for the next call
  * timeoutMs  how long the call waits
  * returns    bytes written to `buf`; or -1 with libkyp_get_errno() at
  *              KYP_ERR_HANDLE        unknown handle
- *              KYP_ERR_INPUT_PARAM   no `port`, no `buf`, or a negative `len`; nothing is lost
+ *              KYP_ERR_INPUT_PARAM   `len` without `buf`, or a negative one; nothing is lost
  *              KYP_ERR_NO_REQUEST    nothing was sent on this handle yet
  *              KYP_ERR_RECV_TIMEOUT  no answer in time; a late one goes to the route of its port
  *              any other             the peer's own code; the payload, if any, is in `buf`
@@ -229,9 +229,9 @@ KYP_API int libkyp__unregisterRouterEvent(void* handle, unsigned short port);
  * Sends a message to everybody who has subscribed to a topic. Nothing is kept for later: a publish
  * while the link is down is lost.
  * indexGroup, indexOffset  handed to the subscribers as they are
- * topic      a text, not null
+ * topic      a text; null throws std::logic_error
  * data, len  copied before the call returns; `data` may be null when `len` is 0
- * returns    0; KYP_ERR_HANDLE; KYP_ERR_INPUT_PARAM for no `topic` or `len` without `data`;
+ * returns    0; KYP_ERR_HANDLE; KYP_ERR_INPUT_PARAM for `len` without `data`;
  *            KYP_ERR_PACKET_TOO_LONG when `len`, the topic and 77 exceed 0x5fffff;
  *            KYP_ERR_DISCONNECTED when the link is down
  * thread     any
@@ -242,11 +242,12 @@ KYP_API int libkyp_publish(void* handle, unsigned int indexGroup, unsigned int i
 /*
  * Has messages of a topic handed to `cb` from now on. The subscription is entered also when it
  * could not be sent; it is sent anew after each reconnection. A second one for a topic replaces the
- * first. Subscribe before traffic flows: the table of topics has no lock.
+ * first.
  * topic    a text; null throws std::logic_error
- * ctx      handed to `cb`
+ * ctx      handed to `cb`; stays valid until the connection is released, since a call may still be
+ *          under way when the subscription ends
  * returns  0; KYP_ERR_HANDLE; KYP_ERR_PACKET_TOO_LONG; KYP_ERR_DISCONNECTED when the link is down
- * thread   one at a time per handle
+ * thread   any, also from a callback
  */
 KYP_API int libkyp_subscribe(void* handle, char const* topic, KypTopicCallback cb, void* ctx);
 
@@ -255,7 +256,7 @@ KYP_API int libkyp_subscribe(void* handle, char const* topic, KypTopicCallback c
  * topic    a text; null throws std::logic_error
  * returns  0; KYP_ERR_HANDLE; KYP_ERR_TOPIC when the topic was not subscribed;
  *          KYP_ERR_DISCONNECTED when the link is down: the subscription has ended here all the same
- * thread   one at a time per handle
+ * thread   any, also from a callback
  */
 KYP_API int libkyp_unsubscribe(void* handle, char const* topic);
 
