@@ -36,6 +36,7 @@ struct KYP_API KypRequest {
     static void* operator new(std::size_t size);
     static void operator delete(void* block, std::size_t size) noexcept;
 };
+static_assert(sizeof(KypRequest) == 88, "the layout is the binary interface");
 
 struct KYP_API KypResponse {
     KypResponse();
@@ -61,5 +62,6 @@ struct KYP_API KypResponse {
     std::condition_variable cond;      // `result` was delivered
     int result;                        // status delivered; -1 none yet
 };
+static_assert(sizeof(KypResponse) == 112, "the layout is the binary interface");
 
 #endif
