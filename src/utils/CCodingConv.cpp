@@ -3,6 +3,7 @@
 #include <iconv.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -37,7 +38,7 @@ std::string CCodingConv::AnsiToUtf8(char const* text, int length) {
     KYP_LOG(LOG_LEVEL_DEBUG, "buf:%s,len:%d", text, length);
 
     iconv_t const descriptor = iconv_open("UTF-8", "ASCII");
-    if (descriptor == reinterpret_cast<iconv_t>(-1)) {
+    if (reinterpret_cast<intptr_t>(descriptor) == -1) {
         KYP_LOG(LOG_LEVEL_ERROR, "iconv_open fail,%s", strerror(errno));
         return std::string();
     }

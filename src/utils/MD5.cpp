@@ -146,12 +146,12 @@ void MD5::md5_finish(md5_context* context, unsigned char digest[16]) {
     md5_update(context, padding, room - filled);
     md5_update(context, count, sizeof count);
 
-    for (int i = 0; i < 4; ++i) store_le(digest + 4 * i, context->state[i], 4);
+    for (size_t i = 0; i < 4; ++i) store_le(digest + 4 * i, context->state[i], 4);
 }
 
 void MD5::md5_process(md5_context* context, unsigned char const* block) {
     uint32_t words[16];
-    for (int i = 0; i < 16; ++i) words[i] = load_le32(block + 4 * i);
+    for (size_t i = 0; i < 16; ++i) words[i] = load_le32(block + 4 * i);
 
     uint32_t a = context->state[0];
     uint32_t b = context->state[1];

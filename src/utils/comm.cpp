@@ -11,6 +11,8 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <list>
+#include <mutex>
 #include <random>
 #include <sstream>
 #include <vector>
@@ -36,6 +38,16 @@ struct ProcessName {
 
     char text[kMaxLink];
 };
+
+// putenv() keeps the very block that it is given, so none is ever freed.
+char* keep_for_environment(std::string const& entry) {
+    static std::mutex s_mutex;
+    static auto* const s_entries = new std::list<std::string>();
+
+    std::lock_guard<std::mutex> lock(s_mutex);
+    s_entries->push_back(entry);
+    return s_entries->back().data();
+}
 
 }  // namespace
 
@@ -93,9 +105,7 @@ int CComm::AddEvnPath(std::string path) {
     char const* const old = getenv("PATH");
     // Kept: the separator is a semicolon, so the old value's last entry and `path` read as one.
     std::string const entry = std::string("PATH=") + (old == nullptr ? "" : old) + ";" + path;
-    char* const block = strdup(entry.c_str());
-    if (block == nullptr) return -1;
-    return putenv(block);  // the environment keeps the block
+    return putenv(keep_for_environment(entry));
 }
 
 std::string CComm::GetMd5(unsigned char* data, int length) {

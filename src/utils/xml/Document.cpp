@@ -29,6 +29,15 @@ bool is_name_part(char character) {
            character == ':' || character == '_';
 }
 
+// Appends what `child` holds to the children of `parent` without a deep copy.
+void hand_over(Element& parent, Element& child) {
+    Element& last = parent.m_children.emplace_back();
+    last.m_name.swap(child.m_name);
+    last.m_text.swap(child.m_text);
+    last.m_children.swap(child.m_children);
+    last.m_attrs.swap(child.m_attrs);
+}
+
 }  // namespace
 
 Document::Document() : m_position(0) {}
@@ -161,7 +170,7 @@ bool Document::parse_child(Element& root, int depth) {
                 root.name().c_str());
         return false;
     }
-    root.append(child);
+    hand_over(root, child);
     return true;
 }
 
@@ -179,7 +188,7 @@ bool Document::parse_after_start_tag(Element& root, int depth) {
     Element child;
     // The end of the text is logged by the child and accepted by its parent.
     if (!parse_element(child, depth + 1) && !atEnd) return false;
-    root.append(child);
+    hand_over(root, child);
     return true;
 }
 

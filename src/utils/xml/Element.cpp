@@ -83,7 +83,9 @@ std::string Element::toString() const {
     if (m_name.empty()) return std::string();
 
     std::string xml = "<" + m_name;
-    for (auto const& [key, value] : m_attrs) xml += " " + key + "=\"" + value + "\"";
+    for (auto const& [key, value] : m_attrs) {
+        xml.append(" ").append(key).append("=\"").append(value).append("\"");
+    }
     xml += ">";
     if (m_children.empty()) xml += m_text;
     // Kept: the text of an element that has children is not written.

@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <set>
 #include <string>
 #include <thread>
@@ -183,9 +182,9 @@ TEST(CCommTest, TheCompileTimeIsADateAndATime) {
 
     std::string const text = CComm::GetCompileTime();
 
-    EXPECT_TRUE(
-        std::regex_match(text, std::regex(R"(20\d\d-[01]\d-[0-3]\d [0-2]\d:[0-5]\d:[0-6]\d)")))
-        << text;
+    ASSERT_EQ(19u, text.size());
+    EXPECT_EQ(':', text[13]);
+    EXPECT_EQ(':', text[16]);
     EXPECT_THAT(text, ::testing::StartsWith(date));
 }
 
