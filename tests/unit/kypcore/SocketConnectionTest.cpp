@@ -183,10 +183,10 @@ TEST_F(SocketConnectionTest, AMessageThatNoBufferHoldsIsReported) {
 TEST_F(SocketConnectionTest, ALongAnswerFindsRoomAlsoWhereSmallerBuffersComeBack) {
     // Buffers of 16384 and 32768 bytes come back to the list of the next class.
     auto& pool = utility::instance<server_bufpool>();
-    pool.make_buf_list(16384, 1);
-    pool.put_one_free(pool.get_one_buf(16383));
     pool.make_buf_list(32768, 1);
     pool.put_one_free(pool.get_one_buf(20000));
+    pool.make_buf_list(16384, 1);
+    pool.put_one_free(pool.get_one_buf(10000));
     for (size_t size : {20000u, 40000u}) {
         SCOPED_TRACE(size);
         Bytes const data = pattern(size);
