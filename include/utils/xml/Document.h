@@ -24,7 +24,8 @@ public:
     Document();
     ~Document();
 
-    // Takes a file's content as the text. False, without a log line, when it cannot be opened.
+    // Takes a file's content as the text. False, without a log line, when it cannot be opened. What
+    // cannot be read, a directory for one, gives an empty text.
     bool load_file(std::string const& path);
 
     // Copies `text`; the next parse begins at its start.

@@ -22,7 +22,7 @@ public:
     Element(std::string const& name);
     Element(std::string const& name, std::string const& text);
     Element(Element const& other);
-    Element& operator=(Element const& other);
+    Element& operator=(Element const& other);  // `other` may be one of its own children
     ~Element();
 
     std::string name() const;

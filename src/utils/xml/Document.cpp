@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
 
@@ -48,8 +48,11 @@ bool Document::load_file(std::string const& path) {
     std::ifstream file(path, std::ios::binary);
     if (!file.is_open()) return false;
 
-    load_string(
-        std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()));
+    // Inserting the buffer into a stream ends a failed read, of a directory say, like the file's
+    // end; iterators over it would throw.
+    std::ostringstream content;
+    content << file.rdbuf();
+    load_string(content.str());
     return true;
 }
 
@@ -102,6 +105,7 @@ bool Document::parse_prolog() {
         return false;
     }
     skip_white_spaces();
+    // Kept: one comment is skipped; behind a second one no element is looked for.
     if (starts_with("<!--") && !parse_comment()) {
         KYP_LOG(LOG_LEVEL_ERROR, "xml comment is error");
         return false;
@@ -116,7 +120,8 @@ bool Document::parse_content(Element& root, int depth) {
     while (!ended) {
         char const next = peek();
         bool good = true;
-        if (next == '\0') return true;  // the end of the text closes every open element
+        // Kept: the end of the text closes every open element, inside a tag too.
+        if (next == '\0') return true;
         if (next == '/') {
             if (peek(1) != '>') {
                 KYP_LOG(LOG_LEVEL_ERROR, "xml empty element is error");
@@ -135,6 +140,7 @@ bool Document::parse_content(Element& root, int depth) {
         } else if (next == '>') {
             good = parse_after_start_tag(root, depth);
         } else {
+            // Kept: also text behind a child is taken for an attribute, mostly a faulty one.
             good = parse_attr(root);
         }
         if (!good) return false;

@@ -11,7 +11,15 @@ Element::Element(std::string const& name, std::string const& text) : m_name(name
 
 Element::Element(Element const& other) = default;
 
-Element& Element::operator=(Element const& other) = default;
+Element& Element::operator=(Element const& other) {
+    // By way of a copy, since `other` may stand among the children that go away.
+    Element copy(other);
+    m_name.swap(copy.m_name);
+    m_text.swap(copy.m_text);
+    m_children.swap(copy.m_children);
+    m_attrs.swap(copy.m_attrs);
+    return *this;
+}
 
 Element::~Element() {
     clear();

@@ -237,7 +237,7 @@ TEST_F(DocumentTest, AFaultKeepsWhatWasReadBefore) {
     EXPECT_EQ(1u, m_root.size());
 }
 
-TEST_F(DocumentTest, AnElementMayEndWithTheText) {
+TEST_F(DocumentTest, KeepsAnOpenElementForWholeAtTheEndOfTheText) {
     for (char const* const text : {"<a", "<a ", "<a x=\"1\"", "<a><b/>", "<a>t", "<a><b>t</b> "}) {
         SCOPED_TRACE(text);
         LogCapture capture;
@@ -346,12 +346,34 @@ TEST_F(DocumentTest, LoadsAFileWithoutParsingIt) {
     EXPECT_EQ("t", m_root.text());
 }
 
+TEST_F(DocumentTest, ADirectoryReadsAsAnEmptyText) {
+    LogCapture capture;
+    m_document.load_string("<a/>");
+
+    EXPECT_TRUE(m_document.load_file(::testing::TempDir()));
+
+    EXPECT_EQ("", m_document.m_text);
+    EXPECT_EQ("", capture.text());
+}
+
+TEST_F(DocumentTest, LoadsAnEmptyFile) {
+    std::ofstream{m_path};
+    m_document.load_string("<a/>");
+
+    EXPECT_TRUE(m_document.load_file(m_path));
+
+    EXPECT_EQ("", m_document.m_text);
+}
+
 TEST_F(DocumentTest, AMissingFileIsNoNews) {
     LogCapture capture;
+
+    m_document.load_string("<a/>");
 
     EXPECT_FALSE(m_document.load_file("/no/such/file.xml"));
 
     EXPECT_EQ("", capture.text());
+    EXPECT_EQ("<a/>", m_document.m_text);
 }
 
 TEST_F(DocumentTest, SavesTheContentAlone) {

@@ -44,6 +44,30 @@ TEST(ElementTest, ACopyIsDeep) {
     EXPECT_EQ("t", copy.text());
 }
 
+TEST(ElementTest, AnElementCanBecomeACopyOfItsOwnChild) {
+    Element element("a", "t");
+    element.attr("k", "v");
+    element.append(Element("b", "1"));
+    element.append(Element("x"));
+    element.m_children[0].append(Element("c"));
+    element.m_children[0].append(Element("d"));
+
+    element = element[0];
+
+    EXPECT_EQ("<b><c></c><d></d></b>", element.toString());
+    EXPECT_EQ("1", element.text());
+}
+
+TEST(ElementTest, AnElementCanBeAppendedToItself) {
+    Element element("a");
+    element.append(Element("b"));
+
+    element.append(element);
+    element.append(element[0]);
+
+    EXPECT_EQ("<a><b></b><a><b></b></a><b></b></a>", element.toString());
+}
+
 TEST(ElementTest, AnAppendedChildIsACopyAtTheEnd) {
     Element child("b");
     Element element("a");
