@@ -1,4 +1,5 @@
-// Small helpers for files and directories. No state; any thread. On false errno tells why.
+// Small helpers for files and directories. No state; any thread. On false errno tells why, but for
+// a null path, which is always false.
 #ifndef KYP_UTILS_CFILEHELPER_H
 #define KYP_UTILS_CFILEHELPER_H
 

@@ -15,6 +15,7 @@ unsigned int masked(ringbuffer_s const* rb, unsigned int counter) {
 static_assert(sizeof(ringbuffer_s) == 24, "three counters and a pointer");
 
 bool is_power_of_two(unsigned int n) {
+    // Kept: 1 does not count as one, so the smallest ring holds 2 bytes.
     return n > 1 && (n & (n - 1)) == 0;
 }
 

@@ -32,7 +32,7 @@ protected:
     ringbuffer_s* m_rb;
 };
 
-TEST_F(RingBufferTest, OneIsNoPowerOfTwo) {
+TEST_F(RingBufferTest, KeepsOneFromBeingAPowerOfTwo) {
     for (unsigned int const n : {2u, 4u, 1024u, 0x80000000u}) EXPECT_TRUE(is_power_of_two(n)) << n;
     for (unsigned int const n : {0u, 1u, 3u, 6u, 0x80000001u, 0xffffffffu}) {
         EXPECT_FALSE(is_power_of_two(n)) << n;
@@ -175,7 +175,6 @@ TEST_F(RingBufferTest, SearchFindsASeparatorThatWraps) {
     start_at(5);
     write("ab\r\nc");
 
-    EXPECT_EQ(8u, 5u + rb_remain(m_rb));
     EXPECT_EQ(4u, search("\r\n"));
 }
 
