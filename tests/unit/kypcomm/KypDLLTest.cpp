@@ -1,5 +1,6 @@
 #include "kypcomm/KypDLL.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -9,6 +10,14 @@
 namespace {
 
 constexpr char kLibrary[] = "libm.so.6";
+constexpr char kStranger[] = "libthread_db.so.1";  // nothing in this process uses it
+
+bool is_loaded(char const* library) {
+    void* const handle = dlopen(library, RTLD_LAZY | RTLD_NOLOAD);
+    if (handle == nullptr) return false;
+    dlclose(handle);
+    return true;
+}
 
 TEST(KypDLLTest, IsClosedAtFirst) {
     KYP_DLL dll;
@@ -69,6 +78,26 @@ TEST(KypDLLTest, CloseForgetsTheLibrary) {
 
     EXPECT_FALSE(dll.isopen());
     EXPECT_EQ(0, dll.close());
+}
+
+TEST(KypDLLTest, CloseUnloadsTheLibrary) {
+    KYP_DLL dll;
+    ASSERT_FALSE(is_loaded(kStranger));
+    ASSERT_TRUE(dll.open(kStranger));
+    ASSERT_TRUE(is_loaded(kStranger));
+
+    dll.close();
+
+    EXPECT_FALSE(is_loaded(kStranger));
+}
+
+TEST(KypDLLTest, TheDestructorUnloadsTheLibrary) {
+    {
+        KYP_DLL dll;
+        ASSERT_TRUE(dll.open(kStranger));
+    }
+
+    EXPECT_FALSE(is_loaded(kStranger));
 }
 
 TEST(KypDLLTest, AClosedLibraryCanBeOpenedAgain) {
