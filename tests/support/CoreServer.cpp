@@ -35,15 +35,15 @@ public:
     }
 
     int sock_write_request_handler(CSocketConnection* conn) override {
-        if (conn->m_pSendMsg != nullptr) UdpServer::sock_write_request_handler(conn);
+        // Stored last when a message is installed: behind it the message can be seen.
+        if (conn->m_pSendPos.load(std::memory_order_acquire) != nullptr) {
+            UdpServer::sock_write_request_handler(conn);
+            conn->m_pSendPos = nullptr;
+            conn->m_nSendRest = 0;
+        }
         return conn->triggerSendNextMsg();
     }
 };
-
-void call_route(unsigned short port, char const* data, unsigned int size, _msg_request request,
-                void* ctx) {
-    (*static_cast<CoreServer::Route*>(ctx))(request, port, Bytes(data, data + size));
-}
 
 // Accepted connections live on every loop but the first, which has the datagrams.
 bool is_accepted(CSocketConnection const& conn) {
@@ -55,21 +55,26 @@ bool is_accepted(CSocketConnection const& conn) {
 }  // namespace
 
 CoreServer::CoreServer() {
+    serve(kPortEcho, [](_msg_request const& request, uint16_t port, Bytes const& data) {
+        answer(request, port, data);
+    });
+    // The table takes no lock, so all of it is written before there is another thread.
+    for (uint16_t port = kLowestPort; port < kUnservedPort; ++port) {
+        utility::instance<RouteManage>().addSvrPortRoute(port, call_route, this);
+    }
     utility::instance<server_bufpool>().init_bufpool();
     utility::instance<CSockConnPool>().init_connections(kRecords);
     utility::instance<CEventManage>().init_event_loop(kLoops, 0);
     utility::instance<CThreadPool>().start(kWorkers);
-    serve(kPortEcho, [](_msg_request const& request, uint16_t port, Bytes const& data) {
-        answer(request, port, data);
-    });
 }
 
+// Nobody puts messages in when the workers stop, and the loops are still there for their answers.
 CoreServer::~CoreServer() {
-    // Workers first: an answer under way still needs its loop.
+    CEventManage& loops = utility::instance<CEventManage>();
+    for (CEventLoop* loop : loops.m_vecLoops) loop->m_bStop = true;  // all in one round
+    for (CEventLoop* loop : loops.m_vecLoops) loop->event_stop();
     utility::instance<CThreadPool>().stop();
-    // All at once, so that one round ends them all.
-    for (CEventLoop* loop : utility::instance<CEventManage>().m_vecLoops) loop->m_bStop = true;
-    utility::instance<CEventManage>().uninit_event_loop();
+    loops.uninit_event_loop();
 }
 
 bool CoreServer::listen_tcp(uint16_t port) {
@@ -92,8 +97,20 @@ bool CoreServer::watch(std::unique_ptr<ISocketServer> server, bool isStream) {
 }
 
 void CoreServer::serve(uint16_t port, Route route) {
-    m_routes.push_back(std::move(route));
-    utility::instance<RouteManage>().addSvrPortRoute(port, call_route, &m_routes.back());
+    std::lock_guard<std::mutex> lock(m_routeMutex);
+    m_routes[port] = std::move(route);
+}
+
+CoreServer::Route CoreServer::route(uint16_t port) {
+    std::lock_guard<std::mutex> lock(m_routeMutex);
+    auto const found = m_routes.find(port);
+    return found != m_routes.end() ? found->second : Route();
+}
+
+void CoreServer::call_route(unsigned short port, char const* data, unsigned int size,
+                            _msg_request request, void* self) {
+    Route const route = static_cast<CoreServer*>(self)->route(port);
+    if (route) route(request, port, Bytes(data, data + size));
 }
 
 void CoreServer::answer(_msg_request const& request, uint16_t port, Bytes const& payload,

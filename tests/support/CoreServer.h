@@ -10,8 +10,9 @@
 
 #include <cstdint>
 #include <functional>
-#include <list>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,9 @@ class CoreServer {
 public:
     using Route = std::function<void(_msg_request const& request, uint16_t port, Bytes data)>;
 
+    // No port from here on has a route.
+    static constexpr uint16_t kUnservedPort = 700;
+
     // Serves port 100, which sends every payload back, and nothing else yet.
     CoreServer();
     ~CoreServer();
@@ -36,7 +40,7 @@ public:
     bool listen_unix(std::string const& path = "/var/tmp/kyp/kypserver");
     bool listen_udp(uint16_t port = 38898);
 
-    // Called before the first request for `port`.
+    // Serves `port`, below kUnservedPort, from now on.
     void serve(uint16_t port, Route route);
 
     // Answers `request`, which came on `port`.
@@ -50,10 +54,14 @@ public:
     void drop_connections();
 
 private:
+    static void call_route(unsigned short port, char const* data, unsigned int size,
+                           _msg_request request, void* self);
+    Route route(uint16_t port);
     bool watch(std::unique_ptr<ISocketServer> server, bool isStream);
 
     std::vector<std::unique_ptr<ISocketServer>> m_servers;
-    std::list<Route> m_routes;  // their addresses are the routes' contexts
+    std::mutex m_routeMutex;
+    std::map<uint16_t, Route> m_routes;  // guarded by m_routeMutex
 };
 
 #endif

@@ -22,7 +22,7 @@ constexpr size_t kRoom = 6 << 20;
 
 }  // namespace
 
-KypClient::KypClient(Transport transport, _KypDeviceId id) {
+KypClient::KypClient(Transport transport, _KypDeviceId id) : m_room(kRoom) {
     libkyp_init();
     m_handle = libkyp_createInstanceEx(&id, transport == TCP ? KYP_CONN_TCP : KYP_CONN_DOMAIN,
                                        kConnectMs, on_event, this);
@@ -59,15 +59,13 @@ KypClient::Answer KypClient::exchange_once(uint16_t port, Bytes const& payload, 
         answer.status = libkyp_get_errno();
         return answer;
     }
-    answer.payload.resize(kRoom);
-    int const n =
-        libkyp_sync_recv(m_handle, &answer.port, reinterpret_cast<char*>(answer.payload.data()),
-                         static_cast<int>(answer.payload.size()), timeoutMs);
+    int const n = libkyp_sync_recv(m_handle, &answer.port, m_room.data(),
+                                   static_cast<int>(m_room.size()), timeoutMs);
     answer.status = libkyp_get_errno();
     // Neither a late answer, which takes the whole deadline, nor one that was refused in time.
     auto const took = Clock::now() - start;
     *heldUp = took >= kParkingTime && took < deadline;
-    answer.payload.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    if (n > 0) answer.payload.assign(m_room.begin(), m_room.begin() + n);
     return answer;
 }
 

@@ -85,6 +85,7 @@ private:
     std::vector<Message> m_messages;
     std::vector<std::string> m_probes;  // their topics
     std::vector<int> m_events;
+    std::vector<char> m_room;  // where an answer is received
     void* m_handle;
 };
 
