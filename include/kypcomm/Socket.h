@@ -107,10 +107,11 @@ public:
     bool Select(int timeoutMs);
 
     bool m_isDomain;                // AF_UNIX; fixed at construction
-    std::atomic<bool> m_connected;  // written by whoever notices; relaxed: nothing hangs on it
+    std::atomic<bool> m_connected;  // written by whoever notices; true is stored with release and
+                                    // read with acquire, so that m_fd and its socket come along
     uint16_t m_port;                // the peer's, host order
     int m_type;                     // a SocketType
-    std::atomic<int> m_fd;          // -1 for none; relaxed like m_connected
+    std::atomic<int> m_fd;          // -1 for none; relaxed
     std::string m_host;             // dotted IPv4 text, or the server's path on a domain socket
 };
 

@@ -65,7 +65,8 @@ bool DomainTcpSocket::Connect(int /*timeoutMs*/) {
         (void)Shutdown();
         return false;
     }
-    m_connected.store(true, kRelaxed);
+    // A sender on another thread that sees the link also sees the descriptor behind it.
+    m_connected.store(true, std::memory_order_release);
     setSocketopt();
     KYP_LOG(LOG_LEVEL_DEBUG, "Tcp domain socket name:%s connect domain name:%s Success",
             printable(m_socketName), m_host.c_str());
@@ -96,7 +97,7 @@ void DomainTcpSocket::setSocketopt() {
 }
 
 bool DomainTcpSocket::isConnected() {
-    return m_connected.load(kRelaxed);
+    return m_connected.load(std::memory_order_acquire);
 }
 
 char* DomainTcpSocket::GetSocketName() {

@@ -81,7 +81,8 @@ bool TcpSocket::Connect(int timeoutMs) {
                 strerror(errno));
         return false;
     }
-    m_connected.store(true, kRelaxed);
+    // A sender on another thread that sees the link also sees the descriptor behind it.
+    m_connected.store(true, std::memory_order_release);
     KYP_LOG(LOG_LEVEL_INFO, "TcpSocket connect Success");
     setSocketopt();
     return true;
@@ -104,7 +105,7 @@ void TcpSocket::setSocketopt() {
 }
 
 bool TcpSocket::isConnected() {
-    return m_connected.load(kRelaxed);
+    return m_connected.load(std::memory_order_acquire);
 }
 
 bool TcpSocket::setLinger(bool on, int seconds) {
