@@ -1,0 +1,112 @@
+/*
+ * A client in plain C11 on the public header alone: every record has its size, every entry links
+ * and answers. Prints nothing unless something is wrong.
+ */
+#include <stddef.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "libkyp/libkyp.h"
+
+static int g_failures = 0;
+
+#define CHECK(condition)                                                    \
+    do {                                                                    \
+        if (!(condition)) {                                                 \
+            fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #condition); \
+            ++g_failures;                                                   \
+        }                                                                   \
+    } while (0)
+
+static_assert(sizeof(_KypDeviceId) == 6, "six raw bytes");
+static_assert(sizeof(_KypDeviceAddr) == 8, "an id and a port");
+static_assert(offsetof(_KypDeviceAddr, port) == 6, "without a gap");
+static_assert(sizeof(KypTcpConnInfo) == 22, "byte-packed");
+static_assert(offsetof(KypTcpConnInfo, event) == 6, "without a gap");
+static_assert(offsetof(KypTcpConnInfo, ctx) == 14, "without a gap");
+static_assert(sizeof(KypDomainConnInfo) == 16, "two pointers");
+static_assert(sizeof(KypIvshmConnInfo) == 24, "natural layout");
+static_assert(offsetof(KypIvshmConnInfo, event) == 8, "natural layout");
+
+static void on_event(_KypDeviceId* deviceId, void* ctx, int event) {
+    (void)deviceId;
+    (void)event;
+    ++*(int*)ctx;
+}
+
+static void on_route(unsigned short port, char const* data, unsigned int len, void* ctx) {
+    (void)port, (void)data, (void)len, (void)ctx;
+}
+
+static void on_topic(unsigned int indexGroup, unsigned int indexOffset, char const* topic,
+                     char const* data, unsigned int len, void* ctx) {
+    (void)indexGroup, (void)indexOffset, (void)topic, (void)data, (void)len, (void)ctx;
+}
+
+static void check_start_and_status(void) {
+    int major = -1;
+    int minor = -1;
+    int patch = -1;
+    CHECK(libkyp_init() == 0);
+    CHECK(libkyp_version(&major, &minor, &patch) == 0);
+    CHECK(major == 0 && minor == 3 && patch == 1);
+    CHECK(libkyp_get_errno() == KYP_OK);
+    CHECK(strcmp(libkyp_strerror(KYP_ERR_HANDLE), "invaild handler") == 0);
+}
+
+static void check_identity(void) {
+    _KypDeviceId id;
+    _KypDeviceAddr address;
+    CHECK(libkyp_makeKypDeviceId("127.0.0.1.2.3", &id) == 0);
+    CHECK(id.bytes[0] == 127 && id.bytes[5] == 3);
+    CHECK(libkyp_makeKypDeviceAddr("127.0.0.1.2.3", 600, &address) == 0);
+    CHECK(address.port == 600);
+    CHECK(libkyp_getLocalKypDeviceId(&id) == 0);
+    CHECK(libkyp_getRemoteKypDeviceId("127.0.0.1", 1, NULL) == KYP_ERR_INPUT_PARAM);
+    CHECK(libkyp_setRemoteKypDeviceId("127.0.0.1", NULL, 1) == KYP_ERR_INPUT_PARAM);
+}
+
+/* Nobody listens: the handles are good all the same. */
+static void check_connections(void) {
+    _KypDeviceId id = {{127, 0, 0, 1, 1, 1}};
+    int events = 0;
+    KypTcpConnInfo info = {{{127, 0, 0, 1, 1, 1}}, on_event, &events};
+    void* conn = libkyp_createInstanceEx(&id, KYP_CONN_TCP, 100, on_event, &events);
+    CHECK(conn != NULL);
+    CHECK(events >= 2);
+    CHECK(libkyp_releaseInstance(conn) == KYP_ERR_HANDLE);
+
+    conn = libkyp_createInstanceV2(KYP_CONN_TCP, &info, (int)sizeof info, 100);
+    CHECK(conn != NULL);
+    CHECK(libkyp_loop_stop(conn) == 0);
+    CHECK(libkyp_reconnect_delay_set(conn, 60) == 0);
+    CHECK(libkyp_loop_start(conn) == 0);
+    CHECK(libkyp_destory() == 0);
+    CHECK(libkyp_reconnect(conn, 50) == 0);
+    CHECK(libkyp_get_errno() == KYP_ERR_HANDLE);
+}
+
+static void check_messages(void) {
+    void* conn = libkyp_createInstance(NULL, KYP_CONN_DOMAIN);
+    unsigned short port = 0;
+    char answer[8];
+    CHECK(conn != NULL);
+    CHECK(libkyp_sync_recv(conn, &port, answer, (int)sizeof answer, 1) == -1);
+    CHECK(libkyp_get_errno() == KYP_ERR_NO_REQUEST);
+    CHECK(libkyp_sync_send(conn, 600, 1, 2, NULL, 0, 1) == -1);
+    CHECK(libkyp_get_errno() == KYP_ERR_DISCONNECTED);
+    CHECK(libkyp__registerRouterEvent(conn, 600, on_route, NULL) == 0);
+    CHECK(libkyp__unregisterRouterEvent(conn, 600) == 0);
+    CHECK(libkyp_publish(conn, 1, 2, "topic", NULL, 0) == KYP_ERR_DISCONNECTED);
+    CHECK(libkyp_subscribe(conn, "topic", on_topic, NULL) == KYP_ERR_DISCONNECTED);
+    CHECK(libkyp_unsubscribe(conn, "topic") == KYP_ERR_DISCONNECTED);
+    CHECK(libkyp_destory() == 0);
+}
+
+int main(void) {
+    check_start_and_status();
+    check_identity();
+    check_connections();
+    check_messages();
+    return g_failures == 0 ? 0 : 1;
+}
