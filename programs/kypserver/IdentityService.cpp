@@ -1,0 +1,84 @@
+#include "kypserver/IdentityService.h"
+
+#include <cstring>
+
+#include "kypcomm/KypDeviceIdGenerator.h"
+#include "kypcomm/KypStatus.h"
+#include "kypserver/ServerLog.h"
+
+namespace kypserver {
+
+namespace {
+
+// The status of a request that should stand at this address with this much data.
+unsigned int check(Request const& request, uint32_t group, uint32_t offset, size_t size) {
+    if (request.head.indexGroup != group) return KYP_ERR_INDEX_GROUP;
+    if (request.head.indexOffset != offset) return KYP_ERR_INDEX_OFFSET;
+    if (request.size != size) return KYP_ERR_PACKET_LENGTH;
+    return KYP_OK;
+}
+
+bool same_id(_KypDeviceId const& a, _KypDeviceId const& b) {
+    return memcmp(&a, &b, sizeof a) == 0;
+}
+
+CKypDeviceIdGenerator& generator() {
+    return utility::instance<CKypDeviceIdGenerator>();
+}
+
+}  // namespace
+
+CIdentityService::CIdentityService(bool allowSetId) : m_allowSetId(allowSetId) {}
+
+unsigned short CIdentityService::port() const {
+    return kPortDeviceId;
+}
+
+void CIdentityService::serve(Request const& request) {
+    unsigned int const cmd = request.head.cmd;
+    if (cmd == KYP_CMD_READ_DEVICE_ID) return tell(request);
+    if (cmd == KYP_CMD_SET_DEVICE_ID) return assign(request);
+    if (!is_one_way(cmd)) answer(request, KYP_ERR_COMMAND);
+}
+
+void CIdentityService::tell(Request const& request) {
+    unsigned int const status = check(request, kReadIdGroup, kReadIdOffset, 0);
+    if (status != KYP_OK) return answer(request, status);
+
+    _KypDeviceId const id = generator().GetLocalDeviceId();
+    answer(request, KYP_OK, &id, sizeof id);
+}
+
+void CIdentityService::assign(Request const& request) {
+    unsigned int status = check(request, kSetIdGroup, kSetIdOffset, sizeof(_KypDeviceId));
+    if (status == KYP_OK && !m_allowSetId) {
+        report("a new device id is refused; --allow-set-id would take it");
+        status = KYP_ERR_UNSUPPORTED_CALL;
+    }
+    if (status == KYP_OK) {
+        _KypDeviceId id;
+        memcpy(&id, request.data, sizeof id);
+        status = store(id);
+    }
+    answer(request, status);
+}
+
+unsigned int CIdentityService::store(_KypDeviceId const& id) {
+    if (same_id(id, _KypDeviceId{})) return KYP_ERR_DEVICE_ID;
+
+    std::lock_guard<std::mutex> lock(m_storeMutex);
+    generator().SetLocalDeviceId(id);
+    // Writing reports nothing, so what stands in the file is read back. An id that would be gone
+    // after a restart is not taken.
+    bool const inFile = generator().LoadKypDeviceIdFromXml() == 0;
+    if (inFile && same_id(id, generator().GetLocalDeviceId())) return KYP_OK;
+
+    generator().LoadDeviceId();  // back to the one that lasts
+
+    report(
+        "the new device id cannot be written to /opt/kyp/kypdevice.xml; make that directory "
+        "writable for this user");
+    return KYP_ERR_WRITE_FILE;
+}
+
+}  // namespace kypserver

@@ -1,0 +1,52 @@
+// What the command line decides about this server.
+//
+// Lifetime: a value, settled before anything else begins.
+#ifndef KYP_PROGRAMS_KYPSERVER_OPTIONS_H
+#define KYP_PROGRAMS_KYPSERVER_OPTIONS_H
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "kypcomm/KypWire.h"
+
+namespace kypserver {
+
+// An IPv4 address of this machine and a port on it.
+struct Address {
+    std::string host;
+    uint16_t port;  // 0 lets the kernel choose
+};
+
+struct Options {
+    bool tcp = true;
+    Address tcpAddress = {"0.0.0.0", kTcpPort};
+    bool udp = true;
+    Address udpAddress = {"0.0.0.0", kUdpPort};
+    bool domain = true;
+    std::string domainPath = kDomainPath;
+
+    int loops = 3;     // event loops; the first one accepts, so there are two at least
+    int workers = 4;   // threads that serve requests
+    int priority = 0;  // of the event loops: 1..99 SCHED_FIFO, 0 the usual scheduling
+
+    size_t maxClients = 1000;                  // open stream connections
+    size_t maxWaitingBytes = 4 * 1024 * 1024;  // towards one subscriber
+    size_t maxTopics = 4096;                   // subscribed by one connection
+
+    bool allowSetId = false;  // a peer may change this device's id
+    int verbose = 0;          // 1: the library's log from DEBUG on, 2: all of it
+};
+
+// Reads "a.b.c.d", ":port" or "a.b.c.d:port" into `address`, keeping what the text leaves out.
+// Returns false with `address` untouched for any other text.
+bool parse_address(std::string const& text, Address& address);
+
+// Reads the command line into `options`. Returns nothing when the server is to run, or else the
+// exit code: 0 after --help and --version, another one with the reason on standard error.
+std::optional<int> parse_options(int argc, char const* const* argv, Options& options);
+
+}  // namespace kypserver
+
+#endif

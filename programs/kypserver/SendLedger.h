@@ -1,0 +1,80 @@
+// Counts what waits in the library's send queues, and with that bounds what a peer who does not
+// read can make the server hold.
+//
+// The library's queues have no limit and tell nobody how long they are. The ledger remembers every
+// frame that it has put into one, in order; the endpoint tells it when a frame has left.
+//
+// Owns:     its own lists only; a frame belongs to the library from the moment of queueing.
+// Threads:  offer() and closed() from any; left() on the loop thread that has sent the frame. The
+//           lock spans the queueing, so that list and queue have one order; it is outside the
+//           library's locks.
+// Lifetime: outlives the loops and the workers.
+#ifndef KYP_PROGRAMS_KYPSERVER_SENDLEDGER_H
+#define KYP_PROGRAMS_KYPSERVER_SENDLEDGER_H
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <unordered_map>
+
+#include "kypcomm/KypWire.h"
+
+class IConnection;
+class pbuf;
+
+namespace kypserver {
+
+class CConnections;
+
+class CSendLedger {
+public:
+    // At most `maxWaitingBytes` wait for one connection, or one frame if that is larger.
+    CSendLedger(CConnections const& connections, size_t maxWaitingBytes);
+
+    enum Offer {
+        QUEUED,
+        DROPPED_FIRST,  // too much waits already, which is news
+        DROPPED,        // the same, in a burst that has begun before
+    };
+
+    // Queues a frame of `head`, `aoe` and `size` bytes of `data` on `conn`, which cannot close
+    // meanwhile, or drops it. A burst of drops is over when half of what may wait has left.
+    Offer offer(IConnection* conn, _KypHeader const& head, _AoEHeader const& aoe, char const* data,
+                size_t size);
+
+    // The frame in `buf` has left towards `conn` whole. Frames that were queued by others are
+    // passed over.
+    void left(IConnection* conn, pbuf const* buf);
+
+    // Forgets what waits for `conn`, which is closing.
+    void closed(IConnection* conn);
+
+    size_t waiting(IConnection* conn) const;
+    uint64_t dropped() const;  // frames of all connections since the start
+
+private:
+    struct Frame {
+        pbuf const* buf;  // known by its address; not owned and never followed
+        size_t size;
+    };
+    struct Link {
+        std::deque<Frame> frames;  // in the order of the connection's queue
+        size_t waiting = 0;        // bytes in `frames`
+        uint64_t dropped = 0;      // frames of the present burst, 0 outside one
+    };
+
+    Offer drop(Link& link);
+
+    CConnections const& m_connections;
+    size_t const m_maxWaitingBytes;
+    std::atomic<uint64_t> m_dropped;
+    std::atomic<size_t> m_frames;  // in all links; spares left() the lock while there are none
+    mutable std::mutex m_mutex;    // guards m_links
+    std::unordered_map<IConnection*, Link> m_links;
+};
+
+}  // namespace kypserver
+
+#endif

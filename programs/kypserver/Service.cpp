@@ -1,0 +1,27 @@
+#include "kypserver/Service.h"
+
+#include "kypcore/IConnection.h"
+
+namespace kypserver {
+
+namespace {
+
+constexpr int kAnswerTimeoutMs = 1000;
+
+}  // namespace
+
+bool is_one_way(unsigned int cmd) {
+    return cmd == KYP_CMD_SUBSCRIBE || cmd == KYP_CMD_UNSUBSCRIBE || cmd == KYP_CMD_PUBLISH;
+}
+
+void answer(Request const& request, unsigned int status, void const* data, int size) {
+    _AoEHeader aoe = {};
+    aoe.error = utils_htonl(status);
+    aoe.invokeId = utils_htonl(request.head.invokeId);
+    aoe.cmd = utils_htons(request.head.cmd);
+    aoe.state = KYP_STATE_RESPONSE;
+    request.head.conn->send_message(aoe, request.port, static_cast<char const*>(data), size,
+                                    kAnswerTimeoutMs);
+}
+
+}  // namespace kypserver

@@ -1,0 +1,40 @@
+// What every service of this server is, and what it is given.
+#ifndef KYP_PROGRAMS_KYPSERVER_SERVICE_H
+#define KYP_PROGRAMS_KYPSERVER_SERVICE_H
+
+#include "kypcomm/KypWire.h"
+#include "kypcore/router/RouteManage.h"
+
+namespace kypserver {
+
+// One request on a service's port. `data` is valid while the service is called.
+struct Request {
+    unsigned short port;
+    char const* data;
+    unsigned int size;  // bytes of `data`
+    _msg_request head;
+};
+
+// Serves one logical port.
+//
+// Threads:  serve() runs on every worker at once.
+// Lifetime: outlives the workers.
+class IService {
+public:
+    virtual ~IService() = default;
+
+    virtual unsigned short port() const = 0;
+
+    // Answers `request`, or not. Must not wait for another peer.
+    virtual void serve(Request const& request) = 0;
+};
+
+// True for the commands that nobody awaits an answer to.
+bool is_one_way(unsigned int cmd);
+
+// Answers with `status` and `size` bytes of `data`.
+void answer(Request const& request, unsigned int status, void const* data = nullptr, int size = 0);
+
+}  // namespace kypserver
+
+#endif

@@ -1,0 +1,122 @@
+// The reference server: puts the parts together, says when clients can come, and waits for its end.
+
+#include <signal.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include "kypcomm/KypDeviceIdGenerator.h"
+#include "kypserver/Connections.h"
+#include "kypserver/EchoService.h"
+#include "kypserver/Endpoints.h"
+#include "kypserver/IdentityService.h"
+#include "kypserver/Options.h"
+#include "kypserver/PortTable.h"
+#include "kypserver/SendLedger.h"
+#include "kypserver/ServerCore.h"
+#include "kypserver/ServerLog.h"
+#include "kypserver/TopicBroker.h"
+#include "utils/Log.h"
+
+using namespace kypserver;
+
+namespace {
+
+constexpr rlim_t kOwnDescriptors = 64;  // what the server opens for itself, and some to spare
+
+// Signals come to the main thread alone, and only when it asks for them.
+sigset_t take_signals() {
+    sigset_t ends;
+    sigemptyset(&ends);
+    sigaddset(&ends, SIGTERM);
+    sigaddset(&ends, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &ends, nullptr);
+    // The library writes to sockets whose peer may have gone.
+    signal(SIGPIPE, SIG_IGN);
+    return ends;
+}
+
+int log_threshold(int verbose) {
+    if (verbose == 0) return LOG_LEVEL_ERROR;
+    return verbose == 1 ? LOG_LEVEL_DEBUG : LOG_LEVEL_TRACE;
+}
+
+// A server that runs out of descriptors can not even turn a client away.
+void fit_to_descriptors(size_t& maxClients) {
+    rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) == -1) return;
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    getrlimit(RLIMIT_NOFILE, &limit);
+    rlim_t const room = limit.rlim_cur > 2 * kOwnDescriptors ? limit.rlim_cur - kOwnDescriptors
+                                                             : limit.rlim_cur / 2;
+    if (room >= maxClients) return;
+    maxClients = room;
+    report("only %zu clients have room: raise the limit of open files for more", maxClients);
+}
+
+// Works without an id as well: clients then reach this device by its address alone.
+void load_device_id() {
+    _KypDeviceId const id = utility::instance<CKypDeviceIdGenerator>().GetLocalDeviceId();
+    _KypDeviceId const none = {};
+    if (memcmp(&id, &none, sizeof id) == 0) {
+        report(
+            "this device has no id: there is neither an IPv4 address nor one in "
+            "/opt/kyp/kypdevice.xml");
+    }
+}
+
+int fail(std::string const& problem) {
+    fprintf(stderr, "kypserver: %s\n", problem.c_str());
+    return 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    if (auto const code = parse_options(argc, argv, options)) return *code;
+
+    sigset_t const ends = take_signals();
+    setvbuf(stdout, nullptr, _IOLBF, 0);  // whole lines at once, also into a file
+    fit_to_descriptors(options.maxClients);
+    // The pool announces its size above every other level.
+    SetLogLevel(options.verbose > 0 ? log_threshold(options.verbose) : LOG_LEVEL_COMM);
+
+    CConnections connections(options.maxClients);
+    CSendLedger ledger(connections, options.maxWaitingBytes);
+    CEchoService echo;
+    CIdentityService identity(options.allowSetId);
+    CTopicBroker topics(connections, ledger, options.maxTopics);
+    connections.on_end([&](IConnection* conn) {
+        topics.end(conn);  // first, so that nothing more is offered
+        ledger.closed(conn);
+    });
+
+    CPortTable ports(utility::instance<RouteManage>());
+    for (IService* service : {static_cast<IService*>(&echo), static_cast<IService*>(&identity),
+                              static_cast<IService*>(&topics)}) {
+        ports.serve(*service);
+    }
+    ports.refuse_the_rest();
+
+    CEndpoints endpoints(options, connections, ledger);
+    CServerCore core(options);
+    core.prepare();
+    SetLogLevel(log_threshold(options.verbose));
+
+    std::string problem = endpoints.open();
+    if (problem.empty()) problem = core.start();
+    if (problem.empty()) problem = endpoints.serve();
+    if (!problem.empty()) return fail(problem);
+    load_device_id();
+
+    printf("kypserver ready: %s\n", endpoints.describe().c_str());
+    fflush(stdout);
+    int sig = 0;
+    sigwait(&ends, &sig);
+    core.stop();
+    return 0;
+}
