@@ -18,13 +18,13 @@
 
 class CSocketConnection;
 
-// Which side of a message is valid.
-enum EnMsgMode {
+// Which side of a message is valid. A whole int, so that any other value is a value too.
+enum EnMsgMode : int {
     MSG_MODE_RECV = 0,
     MSG_MODE_SEND = 1,
 };
 
-enum EnMsgType {
+enum EnMsgType : int {
     MSG_TYPE_STREAM = 0,    // TCP and Unix-domain frames
     MSG_TYPE_DATAGRAM = 1,  // UDP
 };

@@ -17,7 +17,9 @@ class KYP_API IProtocol {
 public:
     // All fields 0.
     IProtocol();
-    ~IProtocol();
+
+    // Out of line, since programs link against it.
+    ~IProtocol();  // NOLINT(performance-trivially-destructible)
 
     // The body as bytes.
     virtual Message serialization() = 0;

@@ -53,7 +53,7 @@ void make_lists(bufpool& pool, ListSize const (&lists)[N]) {
 
 double total_kilobytes(bufpool& pool) {
     std::lock_guard<std::mutex> lock(pool.m_mutex);
-    return static_cast<double>(pool.m_totalSize / 1024);
+    return static_cast<double>(pool.m_totalSize) / 1024;
 }
 
 // The head of a list, for its one owner from here on.

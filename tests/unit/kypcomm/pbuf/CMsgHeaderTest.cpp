@@ -79,9 +79,7 @@ TEST_F(MsgHeaderTest, CountsReceivedBytesInAnyMode) {
 }
 
 TEST_F(MsgHeaderTest, DoesNothingInAnyOtherMode) {
-    CMsgHeader odd(MSG_MODE_RECV, MSG_TYPE_STREAM);
-    const int otherMode = 2;
-    memcpy(&odd.m_enMode, &otherMode, sizeof(otherMode));
+    CMsgHeader odd(static_cast<EnMsgMode>(2), MSG_TYPE_STREAM);
     pbuf buf(128);
 
     EXPECT_EQ(0, odd.setpBuf(&buf, 48));
@@ -91,7 +89,7 @@ TEST_F(MsgHeaderTest, DoesNothingInAnyOtherMode) {
     EXPECT_EQ(0, odd.GetVaildSize());
     EXPECT_EQ(0, odd.prepend("AB", 2));
     EXPECT_EQ(0, odd.switch_sendbuf());
-    EXPECT_EQ(0, memcmp(&odd.m_enMode, &otherMode, sizeof(otherMode)));
+    EXPECT_EQ(2, static_cast<int>(odd.m_enMode));
 }
 
 TEST_F(MsgHeaderTest, PassesItsBufferOn) {
