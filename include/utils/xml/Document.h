@@ -42,15 +42,8 @@ public:
     // A wrong end tag with the right one further on keeps the parser busy for ever.
     bool parse(Element& root);
 
-private:
-    bool parse_element(Element& root, int depth);
-    bool parse_prolog();
-    bool parse_content(Element& root, int depth);
-    bool parse_after_start_tag(Element& root, int depth);
-    bool parse_child(Element& root, int depth);
-    bool parse_attr(Element& root);
-    bool parse_end_tag(Element const& root, bool* ended);
-
+    // The parser's scanners. Each skips white space, then reads at the position and moves behind
+    // what it took. A missing end mark is false, a missing name is empty; neither moves on.
     void skip_white_spaces();
     bool parse_declaration();
     bool parse_comment();
@@ -59,13 +52,8 @@ private:
     std::string parse_element_text();
     std::string parse_element_attr_val();
 
-    bool starts_with(char const* mark) const;
-    bool skip_behind(char const* mark);
-    char peek(size_t ahead = 0) const;
-
-public:
     std::string m_text;
-    size_t m_position;
+    size_t m_position;  // at most the text's size
 };
 
 }  // namespace xml
