@@ -17,9 +17,7 @@ class KYP_API IProtocol {
 public:
     // All fields 0.
     IProtocol();
-
-    // Out of line, since programs link against it.
-    ~IProtocol();  // NOLINT(performance-trivially-destructible)
+    ~IProtocol();
 
     // The body as bytes.
     virtual Message serialization() = 0;

@@ -38,6 +38,7 @@ int RecvBuf::GetBuffCapacity() {
     return m_pbuf->capacity();
 }
 
+// Kept: neither of the two looks at the ends of the block; the caller has left room.
 int RecvBuf::prepend(const void* src, int len) {
     m_begin -= len;
     if (len != 0) memcpy(m_begin, src, static_cast<std::size_t>(len));

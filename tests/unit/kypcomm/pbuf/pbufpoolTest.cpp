@@ -174,6 +174,18 @@ TEST_F(PoolTest, LetsABufferJoinOnlyBelowTheLimit) {
     EXPECT_EQ(384u, m_pool.m_totalSize);
 }
 
+TEST_F(PoolTest, KeepsItsTotalWhenABufferIsDestroyed) {
+    m_pool.set_mem_limit(128);
+    round_trip(128);
+    LogCapture log;
+
+    round_trip(128);
+
+    EXPECT_EQ(1, log.count("INFO", "pool not enough memory,new buf:128 byte"));
+    EXPECT_EQ(256u, m_pool.m_totalSize);
+    EXPECT_EQ(0, length(m_pool, 128));
+}
+
 TEST_F(PoolTest, CountsTheLimitItselfAsReached) {
     m_pool.set_mem_limit(128);
 
