@@ -37,11 +37,13 @@ void dispatch(CSocketConnection* conn, unsigned int events) {
     ISocketServer* const server = conn->m_pServer;
     if (server == nullptr) return;
 
-    if ((events & EPOLLIN) != 0 && conn->m_readHandler != nullptr) {
-        (server->*conn->m_readHandler)(conn);
+    if ((events & EPOLLIN) != 0) {
+        SockEventHandler const read = conn->m_readHandler;
+        if (read != nullptr) (server->*read)(conn);
     }
-    if ((events & EPOLLOUT) != 0 && (events & kGone) == 0 && conn->m_writeHandler != nullptr) {
-        (server->*conn->m_writeHandler)(conn);
+    if ((events & EPOLLOUT) != 0 && (events & kGone) == 0) {
+        SockEventHandler const write = conn->m_writeHandler;
+        if (write != nullptr) (server->*write)(conn);
     }
 }
 

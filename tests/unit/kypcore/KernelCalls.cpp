@@ -5,15 +5,19 @@
 #include <cerrno>
 
 // Defined under the C library's names by their labels: as part of the program they come before the
-// C library for every shared object of the process.
-#define KERNEL_CALL(result, name, parameters, arguments)                                           \
-    KernelCall<result parameters> kernel::name;                                                    \
-    extern "C" result hooked_##name parameters __asm__(#name);                                     \
-    extern "C" result hooked_##name parameters {                                                   \
-        static auto* const real = reinterpret_cast<result(*) parameters>(dlsym(RTLD_NEXT, #name)); \
-        if (!kernel::name.hook) return real arguments;                                             \
-        kernel::name.real = real;                                                                  \
-        return kernel::name.hook arguments;                                                        \
+// C library for every shared object of the process. The thread sanitizer's own runtime calls some
+// of them in threads that it does not know yet, so the way through is plain code.
+#define KERNEL_CALL(result, name, parameters, arguments)                                \
+    KernelCall<result parameters> kernel::name;                                         \
+    extern "C" result hooked_##name parameters __asm__(#name);                          \
+    extern "C" __attribute__((no_sanitize("thread"))) result hooked_##name parameters { \
+        static result(*real) parameters;                                                \
+        if (real == nullptr) {                                                          \
+            real = reinterpret_cast<result(*) parameters>(dlsym(RTLD_NEXT, #name));     \
+        }                                                                               \
+        if (!kernel::name.hooked) return real arguments;                                \
+        kernel::name.real = real;                                                       \
+        return kernel::name.hook arguments;                                             \
     }
 
 KERNEL_CALL(int, accept4, (int fd, sockaddr* addr, socklen_t* len, int flags),

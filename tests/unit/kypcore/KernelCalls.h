@@ -18,6 +18,7 @@
 
 template <typename Signature>
 struct KernelCall {
+    bool hooked = false;
     std::function<Signature> hook;
     Signature* real = nullptr;  // set before a hook is called
 };
@@ -50,8 +51,12 @@ public:
     template <typename Hook>
     KernelHook(KernelCall<Signature>& call, Hook hook) : m_call(call) {
         m_call.hook = std::move(hook);
+        m_call.hooked = true;
     }
-    ~KernelHook() { m_call.hook = nullptr; }
+    ~KernelHook() {
+        m_call.hooked = false;
+        m_call.hook = nullptr;
+    }
     KernelHook(KernelHook const&) = delete;
     KernelHook& operator=(KernelHook const&) = delete;
 
