@@ -114,8 +114,22 @@ std::vector<KypClient::Message> KypClient::messages() const {
     return m_messages;
 }
 
+size_t KypClient::message_count() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_messages.size();
+}
+
+size_t KypClient::message_count(std::string const& topic, Bytes const& data) const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    size_t count = 0;
+    for (Message const& message : m_messages) {
+        if (message.topic == topic && message.data == data) ++count;
+    }
+    return count;
+}
+
 bool KypClient::wait_for_messages(size_t count, milliseconds deadline) const {
-    return eventually([&] { return messages().size() >= count; }, deadline);
+    return eventually([&] { return message_count() >= count; }, deadline);
 }
 
 std::vector<int> KypClient::events() const {

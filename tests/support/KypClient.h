@@ -66,6 +66,8 @@ public:
     // The messages of all topics in the order in which they came. A server with several workers
     // may change the order of what one client publishes.
     std::vector<Message> messages() const;
+    size_t message_count() const;
+    size_t message_count(std::string const& topic, Bytes const& data) const;
     bool wait_for_messages(size_t count,
                            std::chrono::milliseconds deadline = std::chrono::seconds(20)) const;
 
