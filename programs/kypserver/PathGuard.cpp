@@ -14,6 +14,7 @@ namespace kypserver {
 
 namespace {
 
+constexpr char const* kUsualDirectory = "/var/tmp/kyp";
 constexpr mode_t kDirectoryMode = 0755;
 constexpr mode_t kLockMode = 0600;
 
@@ -56,31 +57,27 @@ std::string CPathGuard::take(std::string const& path) {
     size_t const slash = path.rfind('/');
     std::string const directory =
         slash == std::string::npos ? "." : path.substr(0, slash == 0 ? 1 : slash);
-    std::string problem = make_directory(directory);
+    std::string problem = check_directory(directory);
     if (problem.empty()) problem = lock(path);
     if (problem.empty()) problem = check_path(path);
     return problem;
 }
 
-std::string CPathGuard::make_directory(std::string const& directory) {
-    for (size_t end = directory.find('/', 1);; end = directory.find('/', end + 1)) {
-        std::string const part = directory.substr(0, end);
-        if (mkdir(part.c_str(), kDirectoryMode) == -1 && errno != EEXIST) {
-            int const error = errno;
-            struct stat status;
-            if (stat(part.c_str(), &status) == -1) {
-                return "cannot make the directory " + part + ": " + strerror(error) +
-                       "; make it, writable for this user, or choose another --domain-path";
-            }
-        }
-        if (end == std::string::npos) break;
-    }
+std::string CPathGuard::check_directory(std::string const& directory) {
+    // The usual place is the server's own; any other is somebody's choice, and a mistyped one shall
+    // not come to life.
+    if (directory == kUsualDirectory) mkdir(directory.c_str(), kDirectoryMode);
+
     struct stat status;
-    if (stat(directory.c_str(), &status) == 0 && !S_ISDIR(status.st_mode)) {
+    if (stat(directory.c_str(), &status) == -1) {
+        return "cannot use the directory " + directory + ": " + strerror(errno) +
+               "; make it, writable for this user, or choose another --domain-path";
+    }
+    if (!S_ISDIR(status.st_mode)) {
         return directory + " is no directory; remove it or choose another --domain-path";
     }
     if (access(directory.c_str(), W_OK | X_OK) == -1) {
-        return "cannot write to " + directory + ": " + strerror(errno) +
+        return "cannot write to the directory " + directory + ": " + strerror(errno) +
                "; make it writable for this user or choose another --domain-path";
     }
     return "";

@@ -20,12 +20,12 @@ public:
     CPathGuard(CPathGuard const&) = delete;
     CPathGuard& operator=(CPathGuard const&) = delete;
 
-    // Makes `path` this process's, with its directory if that is missing. Returns an empty text,
-    // or what is in the way and what to do about it.
+    // Makes `path` this process's. Of missing directories only /var/tmp/kyp is made. Returns an
+    // empty text, or what is in the way and what to do about it.
     std::string take(std::string const& path);
 
 private:
-    std::string make_directory(std::string const& directory);
+    std::string check_directory(std::string const& directory);
     std::string lock(std::string const& path);
 
     int m_lockFd;  // -1 until locked

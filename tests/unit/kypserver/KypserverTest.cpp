@@ -1,0 +1,208 @@
+// The program itself, spoken to in raw bytes.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/ChildProcess.h"
+#include "support/Eventually.h"
+#include "support/FrameBytes.h"
+#include "support/RawPeer.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+constexpr char const* kPath = "/var/tmp/kyp/kypserver";
+
+class KypserverTest : public testing::Test {
+protected:
+    ChildProcess& start(std::vector<std::string> options = {}) {
+        options.insert(options.begin(), "kypserver");
+        m_server = std::make_unique<ChildProcess>(options);
+        EXPECT_TRUE(m_server->wait_for_output("kypserver ready")) << m_server->all_output();
+        return *m_server;
+    }
+
+    // A round trip: what was sent before on `peer` has been taken from it.
+    static bool echoes(RawPeer& peer, std::string const& payload = "AB") {
+        Bytes const expected = response_frame(100, 9, 3, text(payload));
+        peer.send(request_frame(100, 9, 3, 0, 0, text(payload)));
+        return peer.receive(expected.size()) == expected;
+    }
+
+    std::unique_ptr<ChildProcess> m_server;
+};
+
+TEST_F(KypserverTest, SaysWhatItServes) {
+    EXPECT_EQ(
+        "kypserver ready: tcp 0.0.0.0:9999, domain /var/tmp/kyp/kypserver, udp 0.0.0.0:38898\n",
+        start().output());
+}
+
+TEST_F(KypserverTest, ServesOnlyWhatItIsToldTo) {
+    start({"--no-tcp", "--no-udp", "--domain-path", "/tmp/kyp"});
+
+    EXPECT_EQ("kypserver ready: domain /tmp/kyp\n", m_server->output());
+    RawPeer peer = RawPeer::connect_unix("/tmp/kyp");
+    EXPECT_TRUE(echoes(peer));
+}
+
+TEST_F(KypserverTest, MakesItsUsualDirectory) {
+    rmdir("/var/tmp/kyp");
+    start();
+
+    RawPeer peer = RawPeer::connect_unix(kPath);
+    EXPECT_TRUE(echoes(peer));
+}
+
+TEST_F(KypserverTest, TheLocalSocketIsForOwnerAndGroup) {
+    start();
+
+    struct stat status;
+    ASSERT_EQ(0, stat(kPath, &status));
+    EXPECT_EQ(mode_t{S_IFSOCK | 0660}, status.st_mode);
+}
+
+TEST_F(KypserverTest, ASecondServerLeavesTheFirstAlone) {
+    start();
+    RawPeer before = RawPeer::connect_unix(kPath);
+
+    ChildProcess second({"kypserver"});
+    EXPECT_EQ(1, second.wait_exit());
+    ChildProcess third({"kypserver", "--no-domain"});
+    EXPECT_EQ(1, third.wait_exit());
+
+    EXPECT_THAT(second.errors(), HasSubstr("/var/tmp/kyp/kypserver is served by another program"));
+    EXPECT_THAT(third.errors(), HasSubstr("TCP 0.0.0.0:9999 is taken by another program"));
+    RawPeer after = RawPeer::connect_unix(kPath);
+    EXPECT_TRUE(echoes(before));
+    EXPECT_TRUE(echoes(after));
+}
+
+TEST_F(KypserverTest, OfTwoThatStartAtOnceOneServes) {
+    std::vector<std::unique_ptr<ChildProcess>> servers;
+    for (int i = 0; i < 4; ++i) {
+        servers.push_back(std::make_unique<ChildProcess>(std::vector<std::string>{"kypserver"}));
+    }
+
+    int ready = 0;
+    for (auto const& server : servers) {
+        if (server->wait_for_output("kypserver ready")) ++ready;
+    }
+    EXPECT_EQ(1, ready);
+    RawPeer peer = RawPeer::connect_unix(kPath);
+    EXPECT_TRUE(echoes(peer));
+}
+
+TEST_F(KypserverTest, StartsAgainAfterADeath) {
+    start();
+    m_server->signal(SIGKILL);
+    m_server->wait_exit();
+
+    start();
+
+    RawPeer peer = RawPeer::connect_unix(kPath);
+    EXPECT_TRUE(echoes(peer));
+}
+
+TEST_F(KypserverTest, StartsAgainAtOnceAfterAStopWithClients) {
+    start();
+    RawPeer peer = RawPeer::connect_tcp(9999);
+    ASSERT_TRUE(echoes(peer));
+    m_server->signal(SIGTERM);
+    ASSERT_EQ(0, m_server->wait_exit());
+
+    start();
+
+    RawPeer again = RawPeer::connect_tcp(9999);
+    EXPECT_TRUE(echoes(again));
+}
+
+TEST_F(KypserverTest, TurnsAwayWhoeverIsTooMany) {
+    start({"--max-clients", "2"});
+    RawPeer first = RawPeer::connect_tcp(9999);
+    RawPeer second = RawPeer::connect_unix(kPath);
+    ASSERT_TRUE(echoes(first));
+    ASSERT_TRUE(echoes(second));
+
+    RawPeer third = RawPeer::connect_tcp(9999);
+    EXPECT_TRUE(third.expect_closed());
+    EXPECT_TRUE(m_server->wait_for_output("a client is turned away"));
+
+    EXPECT_TRUE(echoes(first));
+    second.close();
+    EXPECT_TRUE(eventually([] {
+        RawPeer fourth = RawPeer::connect_tcp(9999);
+        return echoes(fourth);
+    }));
+}
+
+TEST_F(KypserverTest, AnswersEveryDatagramToItsOwnSender) {
+    start();
+    std::vector<std::thread> askers;
+    for (int asker = 0; asker < 8; ++asker) {
+        askers.emplace_back([asker] {
+            RawUdp udp;
+            for (uint32_t i = 0; i < 50; ++i) {
+                Bytes const payload = text(std::to_string(asker) + "/" + std::to_string(i));
+                udp.send_to(38898, request_frame(100, 9, i, 0, 0, payload));
+                EXPECT_EQ(hex(response_frame(100, 9, i, payload)), hex(udp.receive().data));
+            }
+        });
+    }
+    for (std::thread& asker : askers) asker.join();
+}
+
+TEST_F(KypserverTest, ADatagramMayPublishButNotSubscribe) {
+    start();
+    RawPeer subscriber = RawPeer::connect_tcp(9999);
+    subscriber.send(subscribe_frame(1, "a"));
+    ASSERT_TRUE(echoes(subscriber));
+    RawUdp udp;
+
+    udp.send_to(38898, subscribe_frame(1, "a"));
+    ASSERT_TRUE(m_server->wait_for_output("it did not come on an open connection"));
+    udp.send_to(38898, publish_frame(2, "a", text("x"), 5, 6));
+
+    EXPECT_EQ(hex(delivery_frame(0, "a", text("x"), 5, 6)), hex(subscriber.receive_frame()));
+}
+
+TEST_F(KypserverTest, PublishesOnAfterASubscriberWasReset) {
+    start();
+    RawPeer stays = RawPeer::connect_tcp(9999);
+    RawPeer leaves = RawPeer::connect_tcp(9999);
+    for (RawPeer* peer : {&stays, &leaves}) {
+        peer->send(subscribe_frame(1, "a"));
+        ASSERT_TRUE(echoes(*peer));
+    }
+    RawPeer publisher = RawPeer::connect_tcp(9999);
+    leaves.reset();
+
+    for (int i = 0; i < 20; ++i) {
+        publisher.send(publish_frame(2, "a", text("x")));
+        ASSERT_EQ(hex(delivery_frame(0, "a", text("x"))), hex(stays.receive_frame()));
+    }
+}
+
+TEST_F(KypserverTest, IsQuietUnlessAskedToTalk) {
+    start();
+    RawPeer peer = RawPeer::connect_tcp(9999);
+    ASSERT_TRUE(echoes(peer));
+    peer.close();
+    RawPeer next = RawPeer::connect_tcp(9999);
+    ASSERT_TRUE(echoes(next));
+    EXPECT_THAT(m_server->output(), testing::Not(HasSubstr("libkyp")));
+    m_server->signal(SIGTERM);
+    m_server->wait_exit();
+
+    start({"--verbose"});
+
+    EXPECT_TRUE(m_server->wait_for_output("tcp server is running ip = 0.0.0.0, port = 9999"));
+}
+
+}  // namespace
