@@ -107,8 +107,8 @@ public:
     bool Select(int timeoutMs);
 
     bool m_isDomain;                // AF_UNIX; fixed at construction
-    std::atomic<bool> m_connected;  // written by whoever notices; true is stored with release and
-                                    // read with acquire, so that m_fd and its socket come along
+    std::atomic<bool> m_connected;  // written by whoever notices; released and acquired: who sees
+                                    // the change comes behind the calls that led to it
     uint16_t m_port;                // the peer's, host order
     int m_type;                     // a SocketType
     std::atomic<int> m_fd;          // -1 for none; relaxed

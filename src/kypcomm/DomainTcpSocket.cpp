@@ -61,7 +61,7 @@ bool DomainTcpSocket::Connect(int /*timeoutMs*/) {
         const int error = errno;
         KYP_LOG(LOG_LEVEL_ERROR, "Tcp domain socket name:%s connect domain name:%s,Error:%d,%s",
                 printable(m_socketName), m_host.c_str(), error, strerror(error));
-        m_connected.store(false, kRelaxed);
+        m_connected.store(false, std::memory_order_release);
         (void)Shutdown();
         return false;
     }
@@ -78,7 +78,7 @@ int DomainTcpSocket::Shutdown() {
     KYP_LOG(LOG_LEVEL_DEBUG, "close domain socket:%d,name:%s", fd, printable(m_socketName));
     const int result = close(fd);
     m_fd.store(-1, kRelaxed);
-    m_connected.store(false, kRelaxed);
+    m_connected.store(false, std::memory_order_release);
     if (m_socketName == nullptr) return result;
 
     // Kept: the text is the latest name that any domain socket of this process was given. Of two

@@ -83,7 +83,7 @@ void Socket::setSocketopt() {
 }
 
 void Socket::setConnectStatus(bool connected) {
-    m_connected.store(connected, kRelaxed);
+    m_connected.store(connected, std::memory_order_release);
 }
 
 bool Socket::isConnected() {
@@ -92,7 +92,7 @@ bool Socket::isConnected() {
     socklen_t size = sizeof info;
     (void)getsockopt(m_fd.load(kRelaxed), IPPROTO_TCP, TCP_INFO, info, &size);
     const bool connected = info[0] == TCP_ESTABLISHED;
-    m_connected.store(connected, kRelaxed);
+    m_connected.store(connected, std::memory_order_release);
     return connected;
 }
 
@@ -110,12 +110,12 @@ int Socket::readn(unsigned char* buf, unsigned long len) {
         }
         const int error = errno;
         if (n == 0) {
-            m_connected.store(false, kRelaxed);
+            m_connected.store(false, std::memory_order_release);
             return 0;
         }
         if (error == EINTR || error == EAGAIN) continue;
         if (is_lost_to_recv(error)) {
-            m_connected.store(false, kRelaxed);
+            m_connected.store(false, std::memory_order_release);
             KYP_LOG(LOG_LEVEL_ERROR, "socket:%d connection is lost,error:%d", m_fd.load(kRelaxed),
                     error);
             return 0;
@@ -138,14 +138,14 @@ int Socket::readn(unsigned char* buf, int len, int timeoutMs) {
         if (n > 0) {
             total += static_cast<int>(n);
         } else if (n == 0) {
-            m_connected.store(false, kRelaxed);
+            m_connected.store(false, std::memory_order_release);
             KYP_LOG(LOG_LEVEL_ERROR, "socket:%d recv return 0 disconnect,totalSize:%d",
                     m_fd.load(kRelaxed), total);
             return 0;
         } else if (error == EAGAIN || error == EINTR) {
             CComm::Sleep(1);
         } else if (is_lost_to_recv(error)) {
-            m_connected.store(false, kRelaxed);
+            m_connected.store(false, std::memory_order_release);
             KYP_LOG(LOG_LEVEL_ERROR, "recv %d disconnect,lasterror:%d,TotalSize:%d",
                     static_cast<int>(n), error, total);
             return 0;
@@ -189,7 +189,7 @@ int Socket::write(const char* buf, unsigned int len, int timeoutMs) {
         KYP_LOG(LOG_LEVEL_ERROR, "send error %d,%s result:%d break", error, strerror(error),
                 static_cast<int>(n));
         if (is_lost_to_send(error)) {
-            m_connected.store(false, kRelaxed);
+            m_connected.store(false, std::memory_order_release);
             tlsErrno = KYP_ERR_DISCONNECTED;
         } else {
             tlsErrno = error;
@@ -286,7 +286,7 @@ bool Socket::Select(int timeoutMs) {
     if (result == 0) return false;
     if (result == 1 && FD_ISSET(fd, &set)) return true;
     if (result == -1 && error == EBADF) {
-        m_connected.store(false, kRelaxed);
+        m_connected.store(false, std::memory_order_release);
         KYP_LOG(LOG_LEVEL_ERROR, "connection closed,socket:%d", fd);
         return false;
     }

@@ -74,7 +74,7 @@ bool TcpSocket::Connect(int timeoutMs) {
     socklen_t size = sizeof refusal;
     (void)getsockopt(fd, SOL_SOCKET, SO_ERROR, &refusal, &size);
     if (refusal != 0) {
-        m_connected.store(false, kRelaxed);
+        m_connected.store(false, std::memory_order_release);
         // Kept: the line shows errno, which still says "in progress", and not the refusal; the
         // descriptor stays open, so the next attempt reuses it and reports a success that is none.
         KYP_LOG(LOG_LEVEL_ERROR, "TcpSocket connect failed,errno:%d,errmsg:%s", errno,
@@ -93,7 +93,7 @@ int TcpSocket::Shutdown() {
     (void)shutdown(fd, SHUT_RDWR);
     const int result = close(fd);
     m_fd.store(-1, kRelaxed);
-    m_connected.store(false, kRelaxed);
+    m_connected.store(false, std::memory_order_release);
     return result;
 }
 

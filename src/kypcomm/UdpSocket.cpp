@@ -29,12 +29,12 @@ bool UdpSocket::Connect(int /*timeoutMs*/) {
 int UdpSocket::Shutdown() {
     const int result = close(m_fd.load(kRelaxed));
     m_fd.store(-1, kRelaxed);
-    m_connected.store(false, kRelaxed);
+    m_connected.store(false, std::memory_order_release);
     return result;
 }
 
 bool UdpSocket::isConnected() {
-    return m_connected.load(kRelaxed);
+    return m_connected.load(std::memory_order_acquire);
 }
 
 int UdpSocket::read(void* buf, unsigned int len, int timeoutMs) {
