@@ -71,7 +71,8 @@ struct Inbound {
 Inbound take_apart(unsigned char* frame, int length) {
     Inbound in{};
     in.frame = frame;
-    in.length = static_cast<uint32_t>(std::max(length, 0));
+    if (length <= 0) return in;
+    in.length = static_cast<uint32_t>(length);
     std::memcpy(&in.kyp, frame, std::min<size_t>(in.length, sizeof(in.kyp)));
     if (in.length <= sizeof(in.kyp)) return in;
 
