@@ -62,7 +62,7 @@ int CMsgRouter::callProtocolV1(CMsgPort const& port, char const* data, unsigned 
                 static_cast<int>(sizeof(_AoEHeader)));
         return KYP_ERR_PACKET_TOO_SHORT;
     }
-    // Kept: the head is dropped unseen, so a route learns neither the invoke id nor the status.
+    // The head is dropped unseen: a route learns neither the invoke id nor the status.
     return dataCallback(port, data + sizeof(_AoEHeader),
                         len - static_cast<unsigned int>(sizeof(_AoEHeader)));
 }
