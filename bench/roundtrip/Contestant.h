@@ -1,0 +1,49 @@
+// One way of carrying a request to another process and its answer back.
+//
+// Owns:     its server process, from start() to the destructor.
+// Threads:  connect() from one thread; each Link belongs to one thread.
+#ifndef KYP_BENCH_ROUNDTRIP_CONTESTANT_H
+#define KYP_BENCH_ROUNDTRIP_CONTESTANT_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+enum class Transport { Tcp, Domain };
+
+// One connection with one exchange at a time.
+class Link {
+public:
+    virtual ~Link() = default;
+
+    // Sends `payload`, waits for the answer of the same size. Ends the program on a failure: a
+    // benchmark that lost an answer has nothing to report.
+    virtual void exchange(std::vector<char> const& payload) = 0;
+};
+
+class Contestant {
+public:
+    virtual ~Contestant() = default;
+    virtual char const* name() const = 0;
+
+    // Starts the server process and returns when it takes connections.
+    virtual void start() = 0;
+    virtual std::unique_ptr<Link> connect(Transport transport) = 0;
+};
+
+// Plain sockets, one thread on each side: one send and one receive each way. The floor.
+std::unique_ptr<Contestant> make_ping_pong();
+
+// Plain sockets, threads and condition variables that make just the calls and thread switches of
+// one exchange of the library: what the library's way of working costs by itself.
+std::unique_ptr<Contestant> make_bare();
+
+// The library's client against `kypserver`, echo port.
+std::unique_ptr<Contestant> make_library(std::string const& serverProgram);
+
+// Bodies of the server processes, for this program called with "--serve NAME". They end with their
+// parent.
+int serve_ping_pong();
+int serve_bare();
+
+#endif

@@ -1,0 +1,239 @@
+// Measures one exchange over TCP and over a Unix-domain stream: the library against the plain
+// ping-pong and against a bare program of the same calls, all in one run, turn and turn about.
+// Run it through run.sh, which builds optimised and gives it private namespaces.
+#include <sched.h>
+#include <sys/mman.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <thread>
+
+#include "Contestant.h"
+#include "Counters.h"
+#include "Samples.h"
+#include "Sockets.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kRounds = 20;
+constexpr int kThroughputRounds = 5;
+
+FILE* g_out;  // the real standard output; the library's log has the other one
+
+struct Options {
+    int exchanges = 20000;  // for each cell and contestant
+    std::string server;
+    std::string counting;  // the library to preload; empty: no counting
+    std::string serve;     // body of a server process
+    std::string only;      // a counting run over this transport
+};
+
+using Contestants = std::vector<std::unique_ptr<Contestant>>;
+
+char const* name_of(Transport transport) {
+    return transport == Transport::Tcp ? "tcp" : "domain";
+}
+
+std::string cpu_model() {
+    std::ifstream info("/proc/cpuinfo");
+    for (std::string line; std::getline(info, line);) {
+        if (line.rfind("model name", 0) == 0) return line.substr(line.find(':') + 2);
+    }
+    return "unknown processor";
+}
+
+void print_machine() {
+    utsname kernel;
+    uname(&kernel);
+    fprintf(g_out, "%s, %u processors, Linux %s\n", cpu_model().c_str(),
+            std::thread::hardware_concurrency(), kernel.release);
+}
+
+// Children inherit it, so it is set before the servers start.
+void use_processors(int count) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    for (int i = 0; i < count; ++i) CPU_SET(i, &set);
+    if (sched_setaffinity(0, sizeof set, &set) != 0) fail("sched_setaffinity");
+}
+
+Contestants start_all(Options const& options) {
+    Contestants all;
+    all.push_back(make_ping_pong());
+    all.push_back(make_bare());
+    all.push_back(make_library(options.server));
+    for (auto& contestant : all) contestant->start();
+    return all;
+}
+
+void time_exchanges(Link& link, std::vector<char> const& payload, int count, Samples& samples) {
+    for (int i = 0; i < count; ++i) {
+        auto const begin = Clock::now();
+        link.exchange(payload);
+        samples.add((Clock::now() - begin).count());
+    }
+}
+
+void measure_round_trips(Contestants& all, Transport transport, int exchanges) {
+    for (std::size_t size : {32u, 1024u, 8192u}) {
+        std::vector<char> const payload(size, 'k');
+        std::vector<std::unique_ptr<Link>> links;
+        std::vector<Samples> samples(all.size());
+        for (auto& contestant : all) links.push_back(contestant->connect(transport));
+        for (auto& link : links) {
+            Samples warmUp;
+            time_exchanges(*link, payload, exchanges / kRounds, warmUp);
+        }
+        for (int round = 0; round < kRounds; ++round) {
+            for (std::size_t i = 0; i < all.size(); ++i) {
+                time_exchanges(*links[i], payload, exchanges / kRounds, samples[i]);
+            }
+        }
+        double const floor = samples[0].percentile_us(0.5);
+        double const bare = samples[1].percentile_us(0.5);
+        for (std::size_t i = 0; i < all.size(); ++i) {
+            double const median = samples[i].percentile_us(0.5);
+            fprintf(g_out, "  %-7s %5zu B  %-10s %9.1f %9.1f %11.2f %9.2f\n", name_of(transport),
+                    size, all[i]->name(), median, samples[i].percentile_us(0.99), median / floor,
+                    median / bare);
+        }
+    }
+}
+
+// Requests per second of `links`, each with a thread of its own.
+double throughput(std::vector<std::unique_ptr<Link>>& links, int exchanges) {
+    std::vector<char> const payload(32, 'k');
+    int const each = exchanges / static_cast<int>(links.size());
+    std::vector<std::thread> threads;
+    auto const begin = Clock::now();
+    for (auto& link : links) {
+        threads.emplace_back([&payload, each, &link] {
+            for (int i = 0; i < each; ++i) link->exchange(payload);
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    std::chrono::duration<double> const seconds = Clock::now() - begin;
+    return each * static_cast<double>(links.size()) / seconds.count();
+}
+
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+void measure_throughput(Contestants& all, Transport transport, int exchanges) {
+    for (std::size_t connections : {1u, 8u, 64u}) {
+        std::vector<std::vector<std::unique_ptr<Link>>> links(all.size());
+        std::vector<std::vector<double>> rates(all.size());
+        for (std::size_t i = 0; i < all.size(); ++i) {
+            for (std::size_t c = 0; c < connections; ++c) {
+                links[i].push_back(all[i]->connect(transport));
+            }
+            throughput(links[i], exchanges / kThroughputRounds);
+        }
+        for (int round = 0; round < kThroughputRounds; ++round) {
+            for (std::size_t i = 0; i < all.size(); ++i) {
+                rates[i].push_back(throughput(links[i], exchanges / kThroughputRounds));
+            }
+        }
+        for (std::size_t i = 0; i < all.size(); ++i) {
+            fprintf(g_out, "  %-7s %5zu    %-10s %9.0f %20.2f %9.2f\n", name_of(transport),
+                    connections, all[i]->name(), median(rates[i]),
+                    median(rates[i]) / median(rates[0]), median(rates[i]) / median(rates[1]));
+        }
+    }
+}
+
+void measure(Options const& options, int processors) {
+    use_processors(processors);
+    Contestants all = start_all(options);
+    fprintf(g_out,
+            "\nround trips, %d processor%s        median us    p99 us  / ping-pong    / bare\n",
+            processors, processors == 1 ? " " : "s");
+    for (Transport transport : {Transport::Tcp, Transport::Domain}) {
+        measure_round_trips(all, transport, options.exchanges);
+    }
+    fprintf(g_out, "\nconnections, %d processor%s    requests / s          / ping-pong    / bare\n",
+            processors, processors == 1 ? " " : "s");
+    for (Transport transport : {Transport::Tcp, Transport::Domain}) {
+        measure_throughput(all, transport, options.exchanges);
+    }
+}
+
+// The body of a counting run: this process has the counting library in front of the C library.
+void count_exchanges(Options const& options) {
+    Transport const transport = options.only == "tcp" ? Transport::Tcp : Transport::Domain;
+    auto* const counters =
+        static_cast<Counters*>(mmap(nullptr, sizeof(Counters), PROT_READ | PROT_WRITE, MAP_SHARED,
+                                    atoi(getenv(kCountersVariable)), 0));
+    auto const library = make_library(options.server);
+    library->start();
+    auto const link = library->connect(transport);
+    for (std::size_t size : {32u, 1024u, 8192u}) {
+        std::vector<char> const payload(size, 'k');
+        for (int i = 0; i < 2000; ++i) link->exchange(payload);
+        uint64_t const allocations = counters->allocations;
+        uint64_t const calls = counters->inputOutput;
+        for (int i = 0; i < 2000; ++i) link->exchange(payload);
+        fprintf(g_out, "  %-7s %5zu B %26.2f %26.2f\n", options.only.c_str(), size,
+                static_cast<double>(counters->allocations - allocations) / 2000,
+                static_cast<double>(counters->inputOutput - calls) / 2000);
+    }
+    fflush(g_out);
+}
+
+void start_counting(Options const& options) {
+    fprintf(g_out, "\none exchange, both processes   heap allocations   input and output calls\n");
+    fflush(g_out);
+    for (char const* transport : {"tcp", "domain"}) {
+        int const page = memfd_create("counters", 0);
+        if (page < 0 || ftruncate(page, sizeof(Counters)) != 0) fail("memfd_create");
+        setenv(kCountersVariable, std::to_string(page).c_str(), 1);
+        setenv("LD_PRELOAD", options.counting.c_str(), 1);
+        // The child's library log goes where this process's goes; its table goes to g_out.
+        std::string const out = std::to_string(fileno(g_out));
+        wait_for(spawn({"/proc/self/exe", "--server", options.server, "--count-over", transport,
+                        "--out", out}));
+        unsetenv("LD_PRELOAD");
+        close(page);
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    int out = -1;
+    CLI::App app("Round trips of the library against a plain ping-pong and a bare program.");
+    app.add_option("--exchanges", options.exchanges, "exchanges for each cell of the table")
+        ->check(CLI::Range(kRounds, 10000000))
+        ->capture_default_str();
+    app.add_option("--server", options.server, "the kypserver program");
+    app.add_option("--counting", options.counting, "the counting library; without it, no counts");
+    app.add_option("--serve", options.serve)->group("");
+    app.add_option("--count-over", options.only)->group("");
+    app.add_option("--out", out)->group("");
+    CLI11_PARSE(app, argc, argv);
+
+    if (options.serve == "ping-pong") return serve_ping_pong();
+    if (options.serve == "bare") return serve_bare();
+
+    g_out = fdopen(out >= 0 ? out : dup(STDOUT_FILENO), "w");
+    if (freopen("/dev/null", "w", stdout) == nullptr) fail("/dev/null");
+    if (!options.only.empty()) {
+        count_exchanges(options);
+        return 0;
+    }
+    print_machine();
+    measure(options, 1);
+    if (std::thread::hardware_concurrency() > 1) measure(options, 2);
+    if (!options.counting.empty()) start_counting(options);
+    return 0;
+}
