@@ -80,6 +80,7 @@ TEST_F(AdapterTest, InterfaceThatIsDownHasAnEntryWithoutAnAddress) {
 TEST_F(AdapterTest, InterfaceWithoutAnAddressHasAQuietEntry) {
     NetInterface eth("eth7", kMac);
     eth.up();
+    GetLocalNetAdaptersInfo();  // the first call of a process tells the serial
     LogCapture log;
 
     auto const adapters = GetLocalNetAdaptersInfo();
