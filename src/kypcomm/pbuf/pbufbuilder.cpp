@@ -29,14 +29,18 @@ int addKypHeaderTobuf(pbuf* buf, _KypHeader const& header) {
 
 int addPubSubMsgTobuf(pbuf* buf, char const* type, char const* topic, unsigned int indexGroup,
                       unsigned int indexOffset, char const* data, unsigned int dataLen) {
-    const uint64_t lengths[] = {strlen(type), strlen(topic), dataLen};
+    const uint64_t typeSize = strlen(type);
+    const uint64_t topicSize = strlen(topic);
+    const uint64_t dataSize = dataLen;
 
     buf->prepend(&indexOffset, sizeof(indexOffset));
     buf->prepend(&indexGroup, sizeof(indexGroup));
     buf->prepend("", 1);
     buf->prepend(data, dataLen);
-    buf->prepend(topic, static_cast<unsigned int>(lengths[1] + 1));
-    buf->prepend(type, static_cast<unsigned int>(lengths[0] + 1));
-    buf->prepend(lengths, sizeof(lengths));
+    buf->prepend(topic, static_cast<unsigned int>(topicSize + 1));
+    buf->prepend(type, static_cast<unsigned int>(typeSize + 1));
+    buf->prepend(&dataSize, sizeof(dataSize));
+    buf->prepend(&topicSize, sizeof(topicSize));
+    buf->prepend(&typeSize, sizeof(typeSize));
     return 0;
 }

@@ -74,6 +74,16 @@ TEST_F(PbufBuilderTest, ClosesEmptyDataWithItsNul) {
         content());
 }
 
+TEST_F(PbufBuilderTest, PutsTheThreeLengthsInFrontOneByOne) {
+    // 19 bytes of texts and words, and room for two of the lengths.
+    pbuf buf(19 + 16);
+
+    EXPECT_EQ(0, addPubSubMsgTobuf(&buf, "pub", "ab", 0x11, 0x22, "X\0Y", 3));
+
+    EXPECT_EQ(43, buf.capacity());
+    EXPECT_EQ(hex(pubsub_body("pub", "ab", bytes("58 00 59"), 0x11, 0x22)), hex(buf.data(), 43));
+}
+
 TEST_F(PbufBuilderTest, WritesWhatTopicProtocolReads) {
     addPubSubMsgTobuf(&m_buf, "unsub", "plant/line 1", 0x11, 0x22, "X\0Y", 3);
 
