@@ -127,6 +127,7 @@ int ParseKypResponsePacket(void* buf, unsigned int len, _AoEHeader& aoe, void* o
     if (error != 0) return static_cast<int>(error);
 
     outLen = std::min(len - static_cast<unsigned int>(sizeof(aoe)), capacity);
+    // Kept: from 2 GiB on the payload is counted but not copied.
     if (static_cast<int>(outLen) > 0) {
         memcpy(out, static_cast<unsigned char const*>(buf) + sizeof(aoe), outLen);
     }

@@ -47,8 +47,8 @@ public:
     // Takes a buffer back from its owner, null too. Returns 0.
     int put_one_free(pbuf* p);
 
-    // Makes `count` buffers of `size` bytes the list of that class; 0 makes it empty. Returns 0, or
-    // -1 with the reason logged.
+    // Makes `count` buffers of `size` bytes the list of that class; 0 makes it empty. The buffers
+    // of an earlier list are lost. Returns 0, or -1 with the reason logged.
     int make_buf_list(int size, int count);
 
     // Destroys all buffers on the lists and forgets the classes. Returns 0.
@@ -57,10 +57,10 @@ public:
     // The total from which new buffers no longer join the pool. Returns 0.
     int set_mem_limit(unsigned long bytes);
 
-    uint64_t m_memLimit;               // bytes; 0 until set. guarded by m_mutex
-    uint64_t m_totalSize;              // bytes ever allocated, never falls. guarded by m_mutex
+    uint64_t m_memLimit;   // bytes; 0 until set. guarded by m_mutex
+    uint64_t m_totalSize;  // bytes ever allocated, also of buffers destroyed. guarded by m_mutex
     std::map<int, pbuf*> m_freeLists;  // class to first buffer, null if none. guarded by m_mutex
-    std::mutex m_mutex;                // the logger's is taken inside it, no other
+    std::mutex m_mutex;                // no other lock is taken inside it
 };
 
 class KYP_API server_bufpool : public bufpool {

@@ -74,6 +74,7 @@ int CMsgHeader::prepend(void const* src, int len) {
 }
 
 int CMsgHeader::addRecvBufSize(int n) {
+    // Kept: the receive side counts in send mode and in any other mode too.
     m_recvBuf.AddBufSize(n);
     return 0;
 }

@@ -9,6 +9,7 @@ SendBuf::~SendBuf() {
 }
 
 void SendBuf::init_pbuf(pbuf* p) {
+    // Kept: an earlier buffer is not given back; a caller that has not taken it loses it.
     m_pbuf = p;
 }
 

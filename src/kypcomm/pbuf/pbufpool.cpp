@@ -160,7 +160,7 @@ int bufpool::make_buf_list(int size, int count) {
     std::lock_guard<std::mutex> lock(m_mutex);
     // Kept: an earlier list of the class is dropped, with its buffers neither freed nor reused.
     m_freeLists[size] = chain;
-    // 32 bits wide, as the lists are counted.
+    // Kept: the product is 32 bits wide; a list of 2 GiB makes the total fall.
     const auto bytes = static_cast<int>(static_cast<unsigned>(size) * static_cast<unsigned>(count));
     m_totalSize += static_cast<uint64_t>(bytes);
     return 0;

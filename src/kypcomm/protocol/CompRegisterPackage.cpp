@@ -32,6 +32,7 @@ CompRegisterPackage::CompRegisterPackage(unsigned char typeValue, unsigned short
     type = typeValue;
     cmdId = cmdIdValue;
     errId = errIdValue;
+    // Kept: a name of 64 KiB or more goes out with the low 16 bits of its length.
     nameLen = static_cast<uint16_t>(name.size());
 }
 
@@ -52,7 +53,7 @@ Message CompRegisterPackage::serialization() {
 }
 
 int CompRegisterPackage::deserialization(Message const& m) {
-    const int length = static_cast<int>(m.length);
+    const int length = signed_length(m);
     if (length == 0) return 0;
     read_field(m, 0, type);
     if (length == 1) return 0;
@@ -65,6 +66,7 @@ int CompRegisterPackage::deserialization(Message const& m) {
     read_field(m, 9, drvParam0);
     if (length < 14) return 0;
     read_field(m, 13, drvParam1);
+    // Kept: a body that ends here leaves the name that stood before, also when it declares none.
     if (length < 18) return 0;
 
     const int nameEnd = kFixedSize + nameLen;

@@ -9,6 +9,13 @@
 
 #include "kypcomm/protocol/Message.h"
 
+// The length by which a body is read.
+inline int signed_length(Message const& m) {
+    // Kept: 32 bits with a sign. Of 2 GiB and more a reader sees the first two or three fields, and
+    // of 4 GiB nothing.
+    return static_cast<int>(m.length);
+}
+
 // Fills `field` from `offset` on. Bytes behind the end of the message read as zero, so a field that
 // is cut short has what there is of it.
 template <typename T>

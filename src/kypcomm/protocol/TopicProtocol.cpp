@@ -58,7 +58,7 @@ Message TopicProtocol::serialization() {
 }
 
 int TopicProtocol::deserialization(Message const& m) {
-    const int signedLength = static_cast<int>(m.length);
+    const int signedLength = signed_length(m);
     if (signedLength == 0) return 0;
     read_field(m, 0, typeLen);
     if (signedLength < 9) return 0;

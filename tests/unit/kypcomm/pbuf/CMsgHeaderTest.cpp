@@ -68,14 +68,16 @@ TEST_F(MsgHeaderTest, SendsFromTheEndWhateverTheHeadRoom) {
     EXPECT_EQ("41 42 43 44", content(m_send));
 }
 
-TEST_F(MsgHeaderTest, CountsReceivedBytesInAnyMode) {
+TEST_F(MsgHeaderTest, KeepsCountingReceivedBytesInAnyMode) {
     receive(m_recv, 0);
     m_recv.m_enMode = MSG_MODE_SEND;
 
     EXPECT_EQ(0, m_recv.addRecvBufSize(3));
 
+    m_recv.m_enMode = static_cast<EnMsgMode>(2);
+    EXPECT_EQ(0, m_recv.addRecvBufSize(4));
     m_recv.m_enMode = MSG_MODE_RECV;
-    EXPECT_EQ(3, m_recv.GetVaildSize());
+    EXPECT_EQ(7, m_recv.GetVaildSize());
 }
 
 TEST_F(MsgHeaderTest, DoesNothingInAnyOtherMode) {

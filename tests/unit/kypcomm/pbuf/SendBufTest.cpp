@@ -55,7 +55,20 @@ TEST(SendBufTest, GivesItsBufferToTheServersPool) {
     EXPECT_EQ(p, server_pool().m_freeLists[128]);
 }
 
-TEST(SendBufTest, LeavesAnEarlierBufferToItsCaller) {
+TEST(SendBufTest, GivesAClientsBufferToTheServersPoolToo) {
+    auto& clientPool = utility::instance<client_bufpool>();
+    clientPool.set_mem_limit(1 << 20);
+    pbuf* const p = clientPool.get_one_buf(128);
+    auto buf = std::make_unique<SendBuf>();
+    buf->init_pbuf(p);
+
+    buf.reset();
+
+    EXPECT_EQ(p, server_pool().m_freeLists[128]);
+    EXPECT_EQ(nullptr, clientPool.m_freeLists[128]);
+}
+
+TEST(SendBufTest, KeepsLeavingAnEarlierBufferToItsCaller) {
     SendBuf buf;
     pbuf* const earlier = server_pool().get_one_buf(128);
     buf.init_pbuf(earlier);

@@ -204,6 +204,31 @@ TEST_F(PoolTest, HasNothingForSixteenMebibytes) {
     EXPECT_TRUE(m_pool.m_freeLists.empty());
 }
 
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wnon-virtual-dtor"
+
+// A pool with classes of its own: tens of bytes, and none from 100 on.
+class TensPool : public bufpool {
+public:
+    int init_bufpool() override { return 0; }
+    int get_cap(int size) override { return size < 100 ? (size + 9) / 10 * 10 : 0; }
+};
+
+#pragma GCC diagnostic pop
+
+TEST_F(PoolTest, AsksTheClassOfThePoolAtHand) {
+    TensPool pool;
+    pool.set_mem_limit(1 << 20);
+
+    EXPECT_EQ(nullptr, pool.get_one_buf(100));
+    pbuf* const buf = pool.get_one_buf(11);
+
+    EXPECT_EQ(20, buf->capacity());
+    pool.put_one_free(buf);
+    EXPECT_EQ(buf, pool.m_freeLists[20]);
+    EXPECT_EQ(1u, pool.m_freeLists.size());
+}
+
 TEST_F(PoolTest, TakesNothingBackWithoutComplaint) {
     EXPECT_EQ(0, m_pool.put_one_free(nullptr));
 }
@@ -329,6 +354,12 @@ TEST_F(PoolTest, KeepsNothingOfAnEarlierListOfTheClass) {
     delete earlier;
 }
 
+TEST_F(PoolTest, KeepsCountingAListIn32Bits) {
+    EXPECT_EQ(0, m_pool.make_buf_list(1 << 30, 2));
+
+    EXPECT_EQ(0xffffffff80000000u, m_pool.m_totalSize);
+}
+
 TEST_F(PoolTest, FreesItsListsInAscendingOrder) {
     m_pool.make_buf_list(512, 1);
     m_pool.make_buf_list(128, 2);
@@ -436,6 +467,27 @@ TEST(PoolInitTest, FillsTheServersPoolOnce) {
                         {3145728, 8},
                         {4194304, 5},
                         {6291456, 5}});
+}
+
+TEST(PoolInitTest, FillsOnePoolOfEachKindInAProcess) {
+    client_bufpool client;
+    server_bufpool server;
+    client.init_bufpool();
+    server.init_bufpool();
+    client_bufpool laterClient;
+    server_bufpool laterServer;
+    LogCapture log;
+
+    EXPECT_EQ(0, laterClient.init_bufpool());
+    EXPECT_EQ(0, laterServer.init_bufpool());
+
+    EXPECT_EQ(3342336u, client.m_totalSize);
+    EXPECT_EQ(170442752u, server.m_totalSize);
+    EXPECT_TRUE(laterClient.m_freeLists.empty());
+    EXPECT_TRUE(laterServer.m_freeLists.empty());
+    EXPECT_EQ(0u, laterClient.m_memLimit);
+    EXPECT_EQ(0u, laterServer.m_memLimit);
+    EXPECT_EQ("", log.text());
 }
 
 TEST(PoolInitTest, FillsTheClientsPoolOnce) {

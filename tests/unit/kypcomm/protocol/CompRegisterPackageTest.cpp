@@ -77,7 +77,7 @@ TEST(CompRegisterPackageTest, RefusesToBeMadeWithoutAName) {
     EXPECT_THROW(CompRegisterPackage(0, 1, 0, missing, 0, 0, 0), std::logic_error);
 }
 
-TEST(CompRegisterPackageTest, CutsTheLengthOfALongNameToSixteenBits) {
+TEST(CompRegisterPackageTest, KeepsCuttingTheLengthOfALongNameToSixteenBits) {
     CompRegisterPackage package(0, 1, 0, std::string(65538, 'n').c_str(), 0, 0, 0);
 
     EXPECT_EQ(2, package.nameLen);
@@ -158,6 +158,36 @@ TEST(CompRegisterPackageTest, LeavesThePortOfABodyThatEndsBehindTheName) {
 
     EXPECT_EQ("abc", package.name);
     EXPECT_EQ(0xe6e6e6e6u, package.routePort);
+}
+
+TEST(CompRegisterPackageTest, KeepsTheNameThatStoodBeforeABodyWithoutOne) {
+    Bytes body = first(17);
+    body[7] = 0;
+
+    const CompRegisterPackage package = read(body);
+
+    EXPECT_EQ(0, package.nameLen);
+    EXPECT_EQ("marked", package.name);
+}
+
+TEST(CompRegisterPackageTest, KeepsReadingTheLengthAs32BitsWithASign) {
+    struct {
+        uint64_t length;
+        int fields;
+    } const rows[] = {{0x80000000, 2}, {0xffffffff, 2}, {0x100000000, 0}, {0x100000001, 1}};
+    const Bytes body = bytes(kBody);
+    for (auto const& row : rows) {
+        SCOPED_TRACE(row.length);
+        Message m(body.data(), body.size());
+        m.length = row.length;
+        CompRegisterPackage package(0xe1, 0xe2e2, 0xe3e3e3e3, "marked", 0, 0, 0);
+
+        EXPECT_EQ(0, package.deserialization(m));
+
+        EXPECT_EQ(row.fields < 1, package.type == 0xe1);
+        EXPECT_EQ(row.fields < 2, package.cmdId == 0xe2e2);
+        EXPECT_EQ(0xe3e3e3e3u, package.errId);
+    }
 }
 
 TEST(CompRegisterPackageTest, KeepsReadingAPortWhateverTheCommand) {

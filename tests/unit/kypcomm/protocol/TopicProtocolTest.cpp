@@ -137,6 +137,26 @@ TEST(TopicProtocolTest, ReadsAsFarAsTheBodyGoes) {
     }
 }
 
+TEST(TopicProtocolTest, KeepsReadingTheLengthAs32BitsWithASign) {
+    struct {
+        uint64_t length;
+        int fields;
+    } const rows[] = {{0x80000000, 1}, {0xffffffff, 1}, {0x100000000, 0}, {0x100000009, 2}};
+    const Bytes body = bytes(kBody);
+    for (auto const& row : rows) {
+        SCOPED_TRACE(row.length);
+        Message m(body.data(), body.size());
+        m.length = row.length;
+        TopicProtocol topic("types", "topics", "nothing");
+
+        EXPECT_EQ(0, topic.deserialization(m));
+
+        EXPECT_EQ(row.fields < 1, topic.typeLen == 5);
+        EXPECT_EQ(row.fields < 2, topic.topicLen == 6);
+        EXPECT_EQ(7u, topic.dataLen);
+    }
+}
+
 TEST(TopicProtocolTest, ReadsTheMissingBytesOfACutFieldAsZero) {
     EXPECT_EQ(3u, read(first(1)).typeLen);
     EXPECT_EQ(2u, read(first(9)).topicLen);
