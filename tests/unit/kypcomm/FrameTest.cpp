@@ -4,10 +4,14 @@
 
 #include <limits>
 #include <new>
+#include <type_traits>
 
 #include "support/FrameBytes.h"
 
 namespace {
+
+// The last holder deletes the block; a frame that ends does not.
+static_assert(std::is_trivially_destructible_v<Frame>, "frames are handed on by value");
 
 class FrameTest : public testing::Test {
 protected:

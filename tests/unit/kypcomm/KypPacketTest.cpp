@@ -74,6 +74,29 @@ TEST(KypPacketTest, BuildsARequestFromRecordsAsTheyStand) {
     EXPECT_EQ(31u, textPacket.capacity());
 }
 
+// Every byte of the two records goes out as it is, also where a request usually has 0.
+TEST(KypPacketTest, ChangesNothingInTheRecordsThatItIsGiven) {
+    _AoEHeader aoe{0x04030201, 0x08070605, 0x0a09, 0x0c0b, 0x0d};
+    AoERequestHeader req{0x11100f0e, 0x15141312};
+    Frame frame(29, nullptr);
+    MakeKypRequestPacketEx(frame, 200, aoe, req, nullptr, 0, 1);
+
+    const Packet bytesPacket(
+        MakeKypRequestPacket(200, aoe, req, static_cast<void*>(g_payload), 0, 1));
+    const Packet textPacket(
+        MakeKypRequestPacket(200, aoe, req, static_cast<char const*>(g_payload), 0, 1));
+    const Packet filledPacket(frame);
+    const Packet response(MakeKypResponsePacket(200, aoe, nullptr, 0, 1));
+
+    char const records[] =
+        "01 02 03 04 05 06 07 08 09 0A 0B 0C 0D "
+        "0E 0F 10 11 12 13 14 15";
+    EXPECT_EQ(records, bytesPacket.content().substr(24));
+    EXPECT_EQ(records, textPacket.content().substr(24));
+    EXPECT_EQ(records, filledPacket.content().substr(24));
+    EXPECT_EQ(std::string(records, 38), response.content().substr(24));
+}
+
 TEST(KypPacketTest, BuildsARequestWithoutPayload) {
     const Packet packet(MakeKypRequestPacket(200, 9, 7, 0x10, 0x20, nullptr, 0, 1));
 
@@ -273,12 +296,16 @@ TEST_F(ResponseParserTest, CopiesNothingWithoutPayload) {
 }
 
 TEST_F(ResponseParserTest, RefusesLessThanAHeader) {
+    m_aoe.state = 0xee;
+
     EXPECT_EQ(KYP_ERR_PACKET_TOO_SHORT, parse(Bytes(12, 0), 16));
     EXPECT_EQ(0u, m_outLen);
+    EXPECT_EQ(0xee, m_aoe.state);
 }
 
 TEST_F(ResponseParserTest, PassesOnThePeersErrorAndIgnoresItsPayload) {
     EXPECT_EQ(0x1006, parse(join({aoe_head(0x1006, 7, 9, 1), text("CD")}), 16));
+    EXPECT_EQ("00 00 10 06 00 00 00 07 00 09 00 00 01", hex(&m_aoe, sizeof(m_aoe)));
     EXPECT_EQ(0u, m_outLen);
     EXPECT_EQ("EE", hex(m_out.data(), 1));
 }
@@ -297,10 +324,19 @@ TEST_F(ResponseParserTest, CutsALongerPayloadWithoutAWord) {
     EXPECT_EQ(0u, m_outLen);
 }
 
+TEST_F(ResponseParserTest, KeepsCountingAPayloadOfTwoGibibytesWithoutCopyingIt) {
+    Bytes head = aoe_head(0, 7, 9, 1);
+    m_outLen = 0xffffffff;
+
+    EXPECT_EQ(0, ParseKypResponsePacket(head.data(), 0x80000000u + 13, m_aoe, nullptr, m_outLen));
+    EXPECT_EQ(0x80000000u, m_outLen);
+}
+
 TEST_F(ResponseParserTest, LeavesTheLastStatusAlone) {
     tlsErrno = KYP_ERR_HANDLE;
 
     parse(Bytes(12, 0), 16);
+    parse(aoe_head(0x1006, 7, 9, 1), 16);
 
     EXPECT_EQ(KYP_ERR_HANDLE, tlsErrno);
 }

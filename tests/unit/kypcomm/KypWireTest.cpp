@@ -30,4 +30,33 @@ TEST(KypWireTest, LaysTheHeadsOutWithoutGaps) {
     EXPECT_EQ(8u, sizeof(_KypDeviceAddr));
 }
 
+TEST(KypWireTest, FixesTheNumbersThatPeersKnow) {
+    EXPECT_EQ(1, kKypVersion);
+    EXPECT_EQ(1, KYP_CMD_READ_DEVICE_ID);
+    EXPECT_EQ(2, KYP_CMD_READ);
+    EXPECT_EQ(4, KYP_CMD_WRITE);
+    EXPECT_EQ(5, KYP_CMD_SET_DEVICE_ID);
+    EXPECT_EQ(6, KYP_CMD_SUBSCRIBE);
+    EXPECT_EQ(7, KYP_CMD_UNSUBSCRIBE);
+    EXPECT_EQ(8, KYP_CMD_PUBLISH);
+    EXPECT_EQ(9, KYP_CMD_READ_WRITE);
+    EXPECT_EQ(0, KYP_STATE_REQUEST);
+    EXPECT_EQ(1, KYP_STATE_RESPONSE);
+    EXPECT_EQ(100, kPortEcho);
+    EXPECT_EQ(101, kPortDeviceId);
+    EXPECT_EQ(102, kPortRegister);
+    EXPECT_EQ(103, kPortPubSub);
+    EXPECT_EQ(1, kLowestPort);
+    EXPECT_EQ(4096, kHighestPort);
+    EXPECT_EQ(500, kHighestReservedPort);
+    EXPECT_EQ(6291455u, kMaxMsgLen);
+    EXPECT_EQ(0x1000u, kReadIdGroup);
+    EXPECT_EQ(0x1001u, kReadIdOffset);
+    EXPECT_EQ(0x1001u, kSetIdGroup);
+    EXPECT_EQ(0x1002u, kSetIdOffset);
+    EXPECT_EQ(9999, kTcpPort);
+    EXPECT_EQ(38898, kUdpPort);
+    EXPECT_STREQ("/var/tmp/kyp/kypserver", kDomainPath);
+}
+
 }  // namespace
