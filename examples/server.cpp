@@ -1,16 +1,18 @@
 // A server of one's own on the server core: port 600 answers with the request in capitals.
 // Run: example_server, and stop it with Ctrl-C. It serves TCP 9999 on this host, so kypserver must
 // not run beside it.
-// Among the library's log lines appears: tcp server is running ip = 127.0.0.1, port = 9999
+// Behind the library's log lines appears: example_server ready: port 600
 #include <arpa/inet.h>
 #include <signal.h>
 
 #include <cctype>
+#include <cstdio>
 #include <string>
 
 #include "kypcomm/KypWire.h"
 #include "kypcomm/pbuf/pbufpool.h"
 #include "kypcore/EventLoop.h"
+#include "kypcore/IConnection.h"
 #include "kypcore/SockConnPool.h"
 #include "kypcore/TcpServer.h"
 #include "kypcore/ThreadPool.h"
@@ -46,6 +48,8 @@ int main() {
     utility::instance<CThreadPool>().start(4);
     TcpServer server("127.0.0.1", kTcpPort);
     utility::instance<CEventManage>().add_listen_event(&server, &ISocketServer::sock_event_accept);
+    puts("example_server ready: port 600");
+    fflush(stdout);
 
     int signal = 0;
     sigwait(&stop, &signal);

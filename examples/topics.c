@@ -6,7 +6,7 @@
 #include <stdatomic.h>
 #include <stdio.h>
 #include <string.h>
-#include <time.h>
+#include <threads.h>
 
 #include "libkyp/libkyp.h"
 
@@ -33,7 +33,7 @@ int main(void) {
     /* A subscription is in force a moment after it was sent, so the value is sent until heard. */
     for (int i = 0; i < 100 && !atomic_load(&arrived); ++i) {
         if (libkyp_publish(local, 0, 0, topic, value, (unsigned)strlen(value)) != 0) return 1;
-        nanosleep(&pause, NULL);
+        thrd_sleep(&pause, NULL);
     }
     libkyp_releaseInstance(local);
     libkyp_destory();
