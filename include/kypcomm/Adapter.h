@@ -6,11 +6,24 @@
 
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 #include "utils/Export.h"
 
 // One network interface.
 struct KYP_API _NetAdapterObj {
+    _NetAdapterObj();
+    ~_NetAdapterObj();
+
+    // Field by field, in their order.
+    _NetAdapterObj(std::string mac, std::string name, std::string ip)
+        : macAddr(std::move(mac)), adapterName(std::move(name)), ipAddr(std::move(ip)) {}
+
+    _NetAdapterObj(_NetAdapterObj const&) = default;
+    _NetAdapterObj(_NetAdapterObj&&) = default;
+    _NetAdapterObj& operator=(_NetAdapterObj const&) = default;
+    _NetAdapterObj& operator=(_NetAdapterObj&&) = default;
+
     std::string macAddr;      // "00:1a:2b:3c:4d:5e", lower case
     std::string adapterName;  // "eth0"
     std::string ipAddr;       // dotted text; empty when the interface is down or has no address

@@ -29,6 +29,8 @@ constexpr unsigned int kMaxSocketFrame = 6291456;
 // A place holder in the binary interface: both operations do nothing and return 0.
 class KYP_API Buffer {
 public:
+    Buffer();
+    ~Buffer();
     int readFd(int fd, int* error);
     int writeFd(int fd, int* error);
 };

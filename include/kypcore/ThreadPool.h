@@ -30,6 +30,7 @@ public:
     class KYP_API ThreadItem {
     public:
         ThreadItem();
+        ~ThreadItem();
 
         pthread_t m_thread;    // 0 when the thread could not be created
         CThreadPool* m_pPool;  // not owned

@@ -7,6 +7,9 @@
 
 class KYP_API CFileHelper {
 public:
+    CFileHelper();
+    ~CFileHelper();
+
     // True for whatever stands at `path`, a directory too.
     static bool IsFileExist(char const* path);
 

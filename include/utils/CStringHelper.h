@@ -9,6 +9,9 @@
 
 class KYP_API CStringHelper {
 public:
+    CStringHelper();
+    ~CStringHelper();
+
     // `text` without the blanks, carriage returns, line feeds and tabs at both ends. Other white
     // space stays.
     static std::string Strtrim(std::string text);

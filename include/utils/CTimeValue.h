@@ -17,6 +17,7 @@ public:
 
     // `seconds` after the epoch.
     CTimeValue(long seconds);
+    ~CTimeValue();
 
     // Takes the time now.
     void update();

@@ -13,6 +13,7 @@ class KYP_API CTimestamp {
 public:
     // Takes the time now.
     CTimestamp();
+    ~CTimestamp();
 
     // Takes the time now, so that elapsed times count from here.
     void update();

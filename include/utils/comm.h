@@ -9,6 +9,9 @@
 
 class KYP_API CComm {
 public:
+    CComm();
+    ~CComm();
+
     // Sleeps `ms` milliseconds, signals or not; returns at once for less than 1.
     static void Sleep(int ms);
 

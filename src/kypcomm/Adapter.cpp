@@ -106,6 +106,9 @@ void collect(int fd, std::string const& name,
 
 }  // namespace
 
+_NetAdapterObj::_NetAdapterObj() = default;
+_NetAdapterObj::~_NetAdapterObj() = default;
+
 std::unordered_map<std::string, _NetAdapterObj> GetLocalNetAdaptersInfo() {
     std::unordered_map<std::string, _NetAdapterObj> adapters;
     ifaddrs* list = nullptr;

@@ -57,6 +57,9 @@ timeval select_timeout(int timeoutMs) {
 
 }  // namespace
 
+Buffer::Buffer() = default;
+Buffer::~Buffer() = default;
+
 int Buffer::readFd(int /*fd*/, int* /*error*/) {
     return 0;
 }

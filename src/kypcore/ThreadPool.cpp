@@ -66,6 +66,7 @@ CMsgHeader* next_message(CThreadPool& pool, CThreadPool::ThreadItem& item) {
 }  // namespace
 
 CThreadPool::ThreadItem::ThreadItem() : m_thread(0), m_pPool(nullptr), m_bWaited(false) {}
+CThreadPool::ThreadItem::~ThreadItem() = default;
 
 CThreadPool::CThreadPool()
     : m_nThreadCount(0), m_nQueueCount(0), m_tLastBusyLog(0), m_nRunning(0) {}

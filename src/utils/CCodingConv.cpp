@@ -34,6 +34,9 @@ char* allocate(int length) {
 
 }  // namespace
 
+CCodingConv::CCodingConv() = default;
+CCodingConv::~CCodingConv() = default;
+
 std::string CCodingConv::AnsiToUtf8(char const* text, int length) {
     KYP_LOG(LOG_LEVEL_DEBUG, "buf:%s,len:%d", text, length);
 

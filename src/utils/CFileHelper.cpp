@@ -4,6 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+CFileHelper::CFileHelper() = default;
+CFileHelper::~CFileHelper() = default;
+
 bool CFileHelper::IsFileExist(char const* path) {
     return path != nullptr && access(path, F_OK) == 0;
 }

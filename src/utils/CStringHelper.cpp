@@ -2,6 +2,9 @@
 
 #include <strings.h>
 
+CStringHelper::CStringHelper() = default;
+CStringHelper::~CStringHelper() = default;
+
 std::string CStringHelper::Strtrim(std::string text) {
     constexpr char kWhite[] = " \r\n\t";
 

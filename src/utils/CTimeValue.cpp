@@ -28,6 +28,8 @@ CTimeValue::CTimeValue() : m_nanoseconds(now_ns()) {}
 
 CTimeValue::CTimeValue(long seconds) : m_nanoseconds(seconds_to_ns(seconds)) {}
 
+CTimeValue::~CTimeValue() = default;
+
 void CTimeValue::update() {
     m_nanoseconds = now_ns();
 }

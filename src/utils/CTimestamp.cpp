@@ -14,6 +14,7 @@ int64_t now_ns() {
 static_assert(sizeof(CTimestamp) == 8, "one count of nanoseconds");
 
 CTimestamp::CTimestamp() : m_nanoseconds(now_ns()) {}
+CTimestamp::~CTimestamp() = default;
 
 void CTimestamp::update() {
     m_nanoseconds = now_ns();

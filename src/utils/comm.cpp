@@ -51,6 +51,9 @@ char* keep_for_environment(std::string const& entry) {
 
 }  // namespace
 
+CComm::CComm() = default;
+CComm::~CComm() = default;
+
 void CComm::Sleep(int ms) {
     if (ms < 1) return;
 

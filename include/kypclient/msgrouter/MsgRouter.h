@@ -16,7 +16,16 @@
 #include "utils/Export.h"
 
 // One route.
-struct CMsgPort {
+struct KYP_API CMsgPort {
+    // All zero.
+    CMsgPort();
+    ~CMsgPort();
+
+    // Field by field, in their order.
+    CMsgPort(uint8_t flag, uint16_t port, void* ctx,
+             void (*callback)(unsigned short, char const*, unsigned int, void*))
+        : m_flag(flag), m_port(port), m_ctx(ctx), m_callback(callback) {}
+
     uint8_t m_flag;   // 0; no operation reads it
     uint16_t m_port;  // the logical port
     void* m_ctx;      // handed to the callback; not owned

@@ -93,6 +93,8 @@ extern template class KYP_API utility::Singleton<client_bufpool>;
 // writes near the size asked for. Buffers of 16384 and 32768 bytes come back to the list of the
 // next class. There this finds them again, where get_one_buf() allocates anew for each request of
 // their own size; and it passes over those that are too small for the class whose list they are on.
+//
+// An addition beside the pools' own operations, for this library and programs on these headers.
 KYP_API pbuf* take_pbuf(bufpool& pool, int size);
 
 #endif

@@ -47,6 +47,7 @@ using KypCmpRoute = void (*)(CMsgHeader* msg, _KypHeader& header, _AoEHeader& ao
 class KYP_API PortRegister {
 public:
     PortRegister();
+    ~PortRegister();
 
     uint8_t m_type;        // 0 svr route, 1 cmp route
     uint8_t m_bUsed;       // guards registration only; dispatch does not look at it

@@ -3,6 +3,9 @@
 #include "kypcomm/KypStatus.h"
 #include "utils/Log.h"
 
+CMsgPort::CMsgPort() : m_flag(0), m_port(0), m_ctx(nullptr), m_callback(nullptr) {}
+CMsgPort::~CMsgPort() = default;
+
 CMsgRouter::CMsgRouter() = default;
 
 CMsgRouter::~CMsgRouter() = default;

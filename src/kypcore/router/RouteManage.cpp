@@ -97,6 +97,8 @@ int add_route(RouteManage& routes, unsigned short port, uint8_t type, void (*cal
 PortRegister::PortRegister()
     : m_type(kSvrRoute), m_bUsed(0), m_port(0), m_callback(nullptr), m_ctx(nullptr) {}
 
+PortRegister::~PortRegister() = default;
+
 RouteManage::RouteManage() = default;
 RouteManage::~RouteManage() = default;
 
