@@ -108,6 +108,7 @@ char const* libkyp_strerror(int code) {
 }
 
 int libkyp_init() {
+    // Kept: does nothing behind libkyp_destory either; the pool then allocates as it is asked.
     std::call_once(g_initOnce, start_library);
     return 0;
 }

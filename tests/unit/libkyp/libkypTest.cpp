@@ -154,7 +154,7 @@ TEST_F(LibkypInitTest, DeterminesTheLocalDeviceId) {
     EXPECT_EQ(1, log.count("DEBUG", "xml name:deviceInfo,deviceId:10.1.2.3.4.5"));
 }
 
-TEST_F(LibkypInitTest, DestoryFreesThePoolAndInitDoesNotFillItAgain) {
+TEST_F(LibkypInitTest, KeepsThePoolThatDestoryFreedEmptyBehindASecondInit) {
     ASSERT_EQ(0, libkyp_init());
     LogCapture log;
 
