@@ -63,11 +63,14 @@ public:
 
     int stop() override {
         m_story.push_back("stop " + m_name);
+        if (m_onStop) m_onStop();
         return 0;
     }
     int raw_send(char const*, unsigned int, int) override { return -1; }
     int raw_send(Frame&, int) override { return -1; }
     int raw_recv(unsigned short*, char*, int, int) override { return -1; }
+
+    std::function<void()> m_onStop;
 
 private:
     std::string m_name;
@@ -350,6 +353,27 @@ TEST_F(PeerConnMgrTest, DeletingStopsTheConnectionFirst) {
 
     EXPECT_THAT(m_story, ElementsAre("stop a", "delete a"));
     EXPECT_THAT(m_manager.m_connections, IsEmpty());
+}
+
+TEST_F(PeerConnMgrTest, ManagerIsLockedWhileAConnectionStops) {
+    int lockedOut = 0;
+    auto const try_the_lock = [&] {
+        std::thread([&] {
+            if (!m_manager.m_mutex.try_lock()) {
+                ++lockedOut;
+                return;
+            }
+            m_manager.m_mutex.unlock();
+        }).join();
+    };
+    FakeConnection* const conn = keep_fake("a");
+    conn->m_onStop = try_the_lock;
+    keep_fake("b")->m_onStop = try_the_lock;
+
+    m_manager.DelPeerConnection(conn);
+    EXPECT_EQ(1, lockedOut);
+    m_manager.ClearPeerConnection();
+    EXPECT_EQ(2, lockedOut);
 }
 
 TEST_F(PeerConnMgrTest, DeletingAForeignConnectionDoesNothing) {

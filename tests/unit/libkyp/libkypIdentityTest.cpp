@@ -161,6 +161,22 @@ TEST_F(LibkypRemoteIdTest, DevicesErrorIsReportedWithoutAStatus) {
     EXPECT_THAT(m_id.bytes, Each(9));
 }
 
+TEST_F(LibkypRemoteIdTest, AskingClearsTheStatusOfAnEarlierCall) {
+    answer(bytes("0A 00 00 05 01 02"));
+    tlsErrno = KYP_ERR_TOPIC;
+
+    EXPECT_EQ(0, libkyp_getRemoteKypDeviceId("127.0.0.1", 20000, &m_id));
+    EXPECT_EQ(0, libkyp_get_errno());
+}
+
+TEST_F(LibkypRemoteIdTest, AssigningClearsTheStatusOfAnEarlierCall) {
+    answer({});
+    tlsErrno = KYP_ERR_TOPIC;
+
+    EXPECT_EQ(0, libkyp_setRemoteKypDeviceId("127.0.0.1", "10.0.0.9.1.2", 20000));
+    EXPECT_EQ(0, libkyp_get_errno());
+}
+
 TEST_F(LibkypRemoteIdTest, MissingArgumentsDoNotTouchTheNetwork) {
     struct Row {
         char const* name;

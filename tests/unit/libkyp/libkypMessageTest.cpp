@@ -1,4 +1,5 @@
 // The C interface's messages: requests and answers, routes, topics.
+#include <functional>
 #include <mutex>
 #include <stdexcept>
 
@@ -317,6 +318,43 @@ TEST_F(LibkypMessageTest, EndOfASubscriptionIsSent) {
 TEST_F(LibkypMessageTest, EndingWhatWasNotSubscribedIsReported) {
     EXPECT_EQ(KYP_ERR_TOPIC, libkyp_unsubscribe(m_handle, "news"));
     EXPECT_EQ(KYP_ERR_TOPIC, libkyp_get_errno());
+}
+
+// ---- status ------------------------------------------------------------------------------------
+
+TEST_F(LibkypMessageTest, EntriesWithAHandleClearTheStatusOfAnEarlierCall) {
+    struct Row {
+        char const* name;
+        std::function<void()> call;
+    };
+    for (Row const& row :
+         {Row{"reconnect_delay_set", [&] { libkyp_reconnect_delay_set(m_handle, 2); }},
+          Row{"loop_start", [&] { libkyp_loop_start(m_handle); }},
+          Row{"sync_send", [&] { libkyp_sync_send(m_handle, 600, 1, 2, nullptr, 0, 20000); }},
+          Row{"registerRouterEvent",
+              [&] { libkyp__registerRouterEvent(m_handle, 501, Calls::on_route, &m_calls); }},
+          Row{"unregisterRouterEvent", [&] { libkyp__unregisterRouterEvent(m_handle, 501); }},
+          Row{"publish", [&] { libkyp_publish(m_handle, 0, 0, "news", nullptr, 0); }},
+          Row{"subscribe", [&] { libkyp_subscribe(m_handle, "news", Calls::on_topic, &m_calls); }},
+          Row{"unsubscribe", [&] { libkyp_unsubscribe(m_handle, "news"); }},
+          Row{"loop_stop", [&] { libkyp_loop_stop(m_handle); }},
+          Row{"reconnect", [&] { libkyp_reconnect(m_handle, 1000); }}}) {
+        SCOPED_TRACE(row.name);
+        tlsErrno = KYP_ERR_TOPIC;
+
+        row.call();
+
+        EXPECT_EQ(0, libkyp_get_errno());
+    }
+}
+
+TEST_F(LibkypMessageTest, FetchingAnAnswerClearsTheStatusOfAnEarlierCall) {
+    ASSERT_EQ(31, send_request("AB"));
+    ASSERT_TRUE(m_peer.send(response_frame(600, 9, 1, text("CDE"))));
+    tlsErrno = KYP_ERR_TOPIC;
+
+    EXPECT_EQ(3, receive());
+    EXPECT_EQ(0, libkyp_get_errno());
 }
 
 TEST_F(LibkypMessageTest, MissingTopicThrows) {
