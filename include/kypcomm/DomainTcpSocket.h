@@ -13,8 +13,9 @@
 
 class KYP_API DomainTcpSocket : public Socket {
 public:
-    // `host` is the server's path, of which 107 bytes count; `port` is 0, `type`
-    // SOCKET_TYPE_STREAM and `isDomain` true: an AF_INET descriptor would not be replaced.
+    // `host` is the server's path, of which 107 bytes count; a percent sign in it begins a printf
+    // conversion. `port` is 0, `type` SOCKET_TYPE_STREAM and `isDomain` true: an AF_INET descriptor
+    // would not be replaced.
     DomainTcpSocket(const char* host, unsigned short port, int type, bool isDomain);
     ~DomainTcpSocket() override;
 

@@ -37,6 +37,31 @@ sockaddr_un domain_address(char const* path) {
     return address;
 }
 
+// Whether printf can follow `format` with one number at hand: any number of "%%" and at most one
+// other conversion, of an integer.
+bool needs_one_number_at_most(char const* format) {
+    int numbers = 0;
+    for (char const* c = strchr(format, '%'); c != nullptr; c = strchr(c + 1, '%')) {
+        ++c;
+        if (*c == '%') continue;
+        c += strspn(c, "-+ #0123456789.");
+        c += strspn(c, "lz");
+        if (*c == '\0' || strchr("diouxX", *c) == nullptr || ++numbers > 1) return false;
+    }
+    return true;
+}
+
+// Kept: a server's path is a format, and its own length the number for it: "%%" reaches a file with
+// one percent sign. A path that asks for anything else is used as it stands.
+sockaddr_un server_address(std::string const& path) {
+    if (!needs_one_number_at_most(path.c_str())) return domain_address(path.c_str());
+
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    (void)snprintf(address.sun_path, sizeof address.sun_path, path.c_str(), path.length());
+    return address;
+}
+
 }  // namespace
 
 DomainTcpSocket::DomainTcpSocket(const char* host, unsigned short port, int type, bool isDomain)
@@ -50,7 +75,7 @@ bool DomainTcpSocket::Connect(int /*timeoutMs*/) {
     if (m_fd.load(kRelaxed) == -1) m_fd.store(socket(AF_UNIX, SOCK_STREAM, 0), kRelaxed);
 
     const int fd = m_fd.load(kRelaxed);
-    const sockaddr_un peer = domain_address(m_host.c_str());
+    const sockaddr_un peer = server_address(m_host);
     m_socketName = temporary_name();
     if (m_socketName != nullptr) {
         const sockaddr_un local = domain_address(m_socketName);

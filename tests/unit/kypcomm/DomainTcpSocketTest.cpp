@@ -16,6 +16,7 @@
 
 namespace {
 
+constexpr int kEarlierStatus = 4711;  // left by an earlier call; nothing here clears it
 constexpr char const* kServer = "/var/tmp/kyp/kypserver";
 
 bool is_open(int fd) {
@@ -29,7 +30,9 @@ bool is_socket_file(std::string const& path) {
 
 class DomainTcpSocketTest : public testing::Test {
 protected:
-    DomainTcpSocketTest() : m_listener(RawListener::unix_path(kServer)) { tlsErrno = 0; }
+    DomainTcpSocketTest() : m_listener(RawListener::unix_path(kServer)) {
+        tlsErrno = kEarlierStatus;
+    }
     ~DomainTcpSocketTest() override { unlink(kServer); }
 
     static std::unique_ptr<DomainTcpSocket> socket_to(std::string const& path) {
@@ -106,6 +109,7 @@ TEST_F(DomainTcpSocketTest, CallsOfAConnectionAreBoundedAtOneSecond) {
 TEST_F(DomainTcpSocketTest, MissingServerIsReportedAndEverythingClosed) {
     auto const made = socket_to("/var/tmp/kyp/nobody");
     int const fd = made->m_fd;
+    made->setConnectStatus(true);
     LogCapture log;
 
     EXPECT_FALSE(made->Connect(0));
@@ -117,7 +121,7 @@ TEST_F(DomainTcpSocketTest, MissingServerIsReportedAndEverythingClosed) {
                      " connect domain name:/var/tmp/kyp/nobody,Error:2,No such file or directory"));
     EXPECT_EQ(1, log.count_containing("[libkyp,ERROR"));
     EXPECT_EQ(1, log.count_containing("close domain socket:" + std::to_string(fd) + ",name:/tmp/"));
-    EXPECT_EQ(0, tlsErrno);
+    EXPECT_EQ(kEarlierStatus, tlsErrno);
 }
 
 TEST_F(DomainTcpSocketTest, NameOfAFailedConnectIsRemoved) {
@@ -185,6 +189,33 @@ TEST_F(DomainTcpSocketTest, ConnectAfterShutdownMakesANewDescriptorAndName) {
     EXPECT_TRUE(m_listener.accept().connected());
 }
 
+// Counts the steps that a connect takes through the object's own class.
+class CountingDomainTcpSocket : public DomainTcpSocket {
+public:
+    using DomainTcpSocket::DomainTcpSocket;
+    void setSocketopt() override { ++options; }
+    int Shutdown() override {
+        ++shutdowns;
+        return DomainTcpSocket::Shutdown();
+    }
+
+    int options = 0;
+    int shutdowns = 0;
+};
+
+TEST_F(DomainTcpSocketTest, ConnectSetsOptionsAndShutsDownThroughTheObjectsOwnClass) {
+    CountingDomainTcpSocket good(kServer, 0, SOCKET_TYPE_STREAM, true);
+    CountingDomainTcpSocket bad("/var/tmp/kyp/nobody", 0, SOCKET_TYPE_STREAM, true);
+
+    EXPECT_TRUE(good.Connect(0));
+    EXPECT_EQ(1, good.options);
+    EXPECT_EQ(0, good.shutdowns);
+
+    EXPECT_FALSE(bad.Connect(0));
+    EXPECT_EQ(0, bad.options);
+    EXPECT_EQ(1, bad.shutdowns);
+}
+
 TEST_F(DomainTcpSocketTest, DestructorShutsDown) {
     auto made = connected();
     std::string const name = made->GetSocketName();
@@ -231,14 +262,41 @@ TEST_F(DomainTcpSocketTest, LongerPathIsCutTo107Bytes) {
     unlink(path.c_str());
 }
 
-TEST_F(DomainTcpSocketTest, PercentSignInAPathStandsForItself) {
-    std::string const path = "/var/tmp/kyp/100%s%n";
-    RawListener listener = RawListener::unix_path(path);
-    auto const made = socket_to(path);
+TEST_F(DomainTcpSocketTest, KeepsAPathAFormatForItsOwnLength) {
+    struct Row {
+        char const* path;
+        char const* reached;
+    };
+    Row const rows[] = {
+        {"/var/tmp/kyp/100%%", "/var/tmp/kyp/100%"},
+        {"/var/tmp/kyp/n%zu", "/var/tmp/kyp/n17"},
+        {"/var/tmp/kyp/%%%04x%%", "/var/tmp/kyp/%0015%"},
+        {"/var/tmp/kyp/%-4lun", "/var/tmp/kyp/19  n"},
+    };
+    for (Row const& row : rows) {
+        SCOPED_TRACE(row.path);
+        RawListener listener = RawListener::unix_path(row.reached);
+        auto const made = socket_to(row.path);
 
-    EXPECT_TRUE(made->Connect(0));
-    EXPECT_TRUE(listener.accept().connected());
-    unlink(path.c_str());
+        EXPECT_TRUE(made->Connect(0));
+        EXPECT_TRUE(listener.accept().connected());
+        unlink(row.reached);
+    }
+}
+
+TEST_F(DomainTcpSocketTest, PathThatAsksForMoreThanItsLengthStandsForItself) {
+    for (char const* path :
+         {"/var/tmp/kyp/100%", "/var/tmp/kyp/%%%", "/var/tmp/kyp/%s", "/var/tmp/kyp/%n",
+          "/var/tmp/kyp/%d%d", "/var/tmp/kyp/%*d", "/var/tmp/kyp/%2$d", "/var/tmp/kyp/%f",
+          "/var/tmp/kyp/%zs", "/var/tmp/kyp/%l"}) {
+        SCOPED_TRACE(path);
+        RawListener listener = RawListener::unix_path(path);
+        auto const made = socket_to(path);
+
+        EXPECT_TRUE(made->Connect(0));
+        EXPECT_TRUE(listener.accept().connected());
+        unlink(path);
+    }
 }
 
 TEST_F(DomainTcpSocketTest, InternetDescriptorIsNotReplaced) {
