@@ -21,6 +21,8 @@ public:
     // False otherwise. After a timeout, a failed wait, or a connect that succeeded at once the
     // descriptor is closed. After a refusal it stays open and the next attempt uses it again; on
     // Linux that attempt then reports success without a connection, and the first read finds out.
+    // So does a first attempt that fails without any waiting: no route, or a host that is no IPv4
+    // text.
     bool Connect(int timeoutMs) override;
 
     int Shutdown() override;

@@ -40,7 +40,8 @@ int create_socket(int type, bool isDomain) {
     return -1;
 }
 
-// What a failed recv says about the peer. EPIPE is not among them: only a send meets it.
+// What a failed recv says about the peer.
+// Kept: EPIPE is not among them; it ends a connection for a send and is any other error here.
 bool is_lost_to_recv(int error) {
     return error == ECONNABORTED || error == ECONNRESET || error == ENOTCONN;
 }
@@ -49,8 +50,8 @@ bool is_lost_to_send(int error) {
     return error == EPIPE || is_lost_to_recv(error);
 }
 
-// The whole wait stands in the microseconds, as 32 bits hold it; Linux takes more than a second
-// there.
+// The whole wait stands in the microseconds; Linux takes more than a second there.
+// Kept: the product has 32 bits; a wait above 2147483 ms is refused at once or becomes a short one.
 timeval select_timeout(int timeoutMs) {
     return {0, static_cast<int>(static_cast<unsigned int>(timeoutMs) * 1000U)};
 }
@@ -116,6 +117,7 @@ int Socket::readn(unsigned char* buf, unsigned long len) {
             m_connected.store(false, std::memory_order_release);
             return 0;
         }
+        // Kept: no pause; on a non-blocking descriptor the caller's thread spins.
         if (error == EINTR || error == EAGAIN) continue;
         if (is_lost_to_recv(error)) {
             m_connected.store(false, std::memory_order_release);

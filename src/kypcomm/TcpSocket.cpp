@@ -31,7 +31,8 @@ constexpr KeepAliveOption kKeepAliveOptions[] = {
 };
 
 // The count that select gives for `fd` becoming writable. The whole wait stands in the
-// microseconds, as 32 bits hold it; Linux takes more than a second there.
+// microseconds, as 32 bits hold it; Linux takes more than a second there, and refuses one whose
+// product has become negative.
 int wait_writable(int fd, int timeoutMs) {
     if (fd < 0 || fd >= FD_SETSIZE) {
         KYP_LOG(LOG_LEVEL_ERROR, "TcpSocket connect: descriptor %d is outside select's range 0-%d",
@@ -64,7 +65,9 @@ bool TcpSocket::Connect(int timeoutMs) {
     peer.sin_port = htons(m_port);
     setNONBLOCK();
     const int started = connect(fd, reinterpret_cast<const sockaddr*>(&peer), sizeof peer);
-    // Kept: a connect that succeeds at once is given up; the caller's next attempt decides.
+    // Kept: a connect that succeeds at once is given up; the caller's next attempt decides. One
+    // that fails at once reports success: its errno is not looked at, select finds a closed socket
+    // writable, and there is no error left to read.
     if (started == 0 || wait_writable(fd, timeoutMs) <= 0) {
         (void)Shutdown();
         return false;

@@ -23,6 +23,7 @@ UdpSocket::UdpSocket(const char* host, unsigned short port, int type, bool isDom
 UdpSocket::~UdpSocket() = default;
 
 bool UdpSocket::Connect(int /*timeoutMs*/) {
+    // Kept: true also without a descriptor; isConnected() stays false all the same.
     return true;
 }
 

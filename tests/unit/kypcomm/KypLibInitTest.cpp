@@ -7,6 +7,7 @@
 
 #include "kypcomm/KypDeviceId.h"
 #include "kypcomm/KypDeviceIdGenerator.h"
+#include "libkyp/libkyp.h"
 #include "support/CallGate.h"
 
 namespace {
@@ -78,7 +79,13 @@ TEST_F(KypLibInitTest, WithoutAGeneratorThereIsNoId) {
 }
 
 TEST_F(KypLibInitTest, ProgramAndLibraryShareOneObject) {
-    EXPECT_EQ(&utility::instance<CKypLibInit>(), &utility::instance<CKypLibInit>());
+    _KypDeviceId id = {};
+
+    ASSERT_EQ(0, libkyp_getLocalKypDeviceId(&id));  // makes the library's
+
+    CKypLibInit* const made = utility::Singleton<CKypLibInit>::m_instance;
+    EXPECT_NE(nullptr, made);
+    EXPECT_EQ(made, &utility::instance<CKypLibInit>());
 }
 
 }  // namespace

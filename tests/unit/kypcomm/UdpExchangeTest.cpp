@@ -16,6 +16,7 @@
 
 namespace {
 
+constexpr int kEarlierStatus = 4711;  // left by an earlier call; nothing here clears it
 constexpr uint16_t kDevicePort = 38898;
 
 int open_descriptors() {
@@ -38,7 +39,7 @@ protected:
     UdpExchangeTest() : m_device(kDevicePort) {
         m_req.indexGroup = htonl(0x1000);
         m_req.indexOffset = htonl(0x1001);
-        tlsErrno = 0;
+        tlsErrno = kEarlierStatus;
     }
 
     // One exchange of command 1 on port 101 with "AB" as payload.
@@ -73,7 +74,7 @@ TEST_F(UdpExchangeTest, ExchangesOneRequestForItsAnswer) {
     EXPECT_EQ(hex(request_frame(101, 1, invoke_id(m_request), 0x1000, 0x1001, text("AB"))),
               hex(m_request));
     EXPECT_EQ("43 44 00", hex(m_out, 3));
-    EXPECT_EQ(0, tlsErrno);
+    EXPECT_EQ(kEarlierStatus, tlsErrno);
     EXPECT_EQ(1, log.count("DEBUG", "CmdId:1 success,IdGroup:1000,IdOffset:1001"));
     EXPECT_EQ(0, log.count_containing("ERROR"));
 }
@@ -152,7 +153,7 @@ TEST_F(UdpExchangeTest, AnswerWhoseLengthDoesNotFitItsDatagramIsRefused) {
                       Bytes const body = join({aoe_head(0, invoke_id(request), 1, 1), text("CD")});
                       return join({kyp_head(101, static_cast<uint32_t>(15 + difference)), body});
                   }));
-        EXPECT_EQ(0, tlsErrno);
+        EXPECT_EQ(kEarlierStatus, tlsErrno);
         EXPECT_EQ(1,
                   log.count("ERROR", "kypHeader len:" + std::to_string(15 + difference) + " !="));
         EXPECT_EQ("00 00", hex(m_out, 2));
@@ -164,7 +165,7 @@ TEST_F(UdpExchangeTest, AnswerShorterThanItsHeadIsRefused) {
         SCOPED_TRACE(length);
 
         EXPECT_EQ(0x1010, exchange([&](Bytes const&) { return Bytes(length, 0xff); }));
-        EXPECT_EQ(0, tlsErrno);
+        EXPECT_EQ(kEarlierStatus, tlsErrno);
     }
 }
 
@@ -174,7 +175,7 @@ TEST_F(UdpExchangeTest, AnswerWithoutItsSecondHeadIsTooShort) {
     EXPECT_EQ(0x100c, exchange([](Bytes const&) {
                   return join({kyp_head(101, 12), Bytes(12, 0x11)});
               }));
-    EXPECT_EQ(0, tlsErrno);
+    EXPECT_EQ(kEarlierStatus, tlsErrno);
     std::string const id = std::to_string(invoke_id(m_request));
     EXPECT_EQ(1, log.count("ERROR",
                            "CmdId:1 fail result:0x100c,reqInvokeId:" + id + ",resInvokeId:" + id));
@@ -192,7 +193,7 @@ TEST_F(UdpExchangeTest, KeepsTheInvokeIdsOfAFailureInEachOthersPlace) {
               }));
     EXPECT_EQ(1, log.count("ERROR", "CmdId:1 fail result:0x1006,reqInvokeId:4711,resInvokeId:" +
                                         std::to_string(invoke_id(m_request))));
-    EXPECT_EQ(0, tlsErrno);
+    EXPECT_EQ(kEarlierStatus, tlsErrno);
     EXPECT_EQ("00 00", hex(m_out, 2));
 }
 
@@ -202,8 +203,9 @@ TEST_F(UdpExchangeTest, AnswerToAnotherRequestEndsTheExchange) {
     EXPECT_EQ(0x1013, exchange([](Bytes const& request) {
                   return response_frame(101, 1, invoke_id(request) + 1, text("CD"));
               }));
-    EXPECT_EQ(0, tlsErrno);
+    EXPECT_EQ(kEarlierStatus, tlsErrno);
     EXPECT_EQ(0, log.count_containing("CmdId"));
+    EXPECT_EQ("43 44 00", hex(m_out, 3));  // the payload is there all the same
 }
 
 TEST_F(UdpExchangeTest, LongerAnswerIsCutToTheCallersRoom) {
