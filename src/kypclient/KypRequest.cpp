@@ -56,8 +56,7 @@ int KypResponse::Wait() {
     while (invokeId != 0 && owner != nullptr) {
         // Converted anew in each round: the system clock may have been set in the meantime.
         const auto until = to_system_time(owner->deadline);
-        cond.wait_until(lock, until);
-        if (std::chrono::system_clock::now() >= until) break;
+        if (cond.wait_until(lock, until) == std::cv_status::timeout) break;
     }
     if (invokeId.exchange(0) != 0) return KYP_ERR_RECV_TIMEOUT;
 
