@@ -202,6 +202,7 @@ int IKypPeerConnection::send_request_packet(unsigned short port, _KypPayload pay
         // for one to the new owner.
         std::lock_guard<std::mutex> lock(m_responses[id % kResponseSlots].mutex);
         m_pLatestResponse = GetFreeResponse(request, aoe);
+        // Kept: sets no status, and neither does a link that took only a part in time.
         if (m_pLatestResponse == nullptr) return -1;
         // Kept: one second, whatever `timeoutMs` says; raw_recv() sets the caller's time.
         request->deadline = steady_now() + kAnswerTime;

@@ -92,6 +92,8 @@ bool is_header_valid(_KypHeader const& header) {
 }
 
 bool read_header(Socket& socket, _KypHeader& header) {
+    // Kept: a peer that stops inside a header holds this thread, and who waits in stop(), until it
+    // goes on or closes.
     const int n = socket.readn(reinterpret_cast<unsigned char*>(&header), sizeof(header));
     if (n == static_cast<int>(sizeof(header))) return is_header_valid(header);
 
@@ -248,6 +250,7 @@ int CTcpclient::raw_recv(unsigned short* port, char* buf, int len, int timeoutMs
             std::chrono::duration_cast<std::chrono::nanoseconds>(deadline).count();
     }
     const int result = m_pLatestResponse->Wait();
+    // Kept: also when the wait has failed; what an earlier fetch left of its answer is used up so.
     const int n = m_peerBuffer.read_buf(port, dest, room);
     m_pLatestRequest->copied = static_cast<uint32_t>(n);
     tlsErrno = result;

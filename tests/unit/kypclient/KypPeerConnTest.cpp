@@ -283,6 +283,22 @@ TEST_F(KypPeerConnTest, SlotStillInUseFailsTheSend) {
     EXPECT_EQ(7u, m_conn.slot(7).invokeId.load());
 }
 
+TEST_F(KypPeerConnTest, KeepsTheStatusOfASendThatSaysNotWhyItFailed) {
+    BlockingRequest first(10);
+    first.fill({});
+    next_id(7);
+    ASSERT_NE(nullptr, m_conn.WriteKypRequest(&first.request));
+    next_id(507);
+    tlsErrno = 77;
+
+    EXPECT_EQ(-1, send());
+    EXPECT_EQ(77, tlsErrno);
+
+    m_conn.fail_sends(30);
+    EXPECT_EQ(-1, send());
+    EXPECT_EQ(77, tlsErrno);
+}
+
 TEST_F(KypPeerConnTest, SecondSendDropsTheAnswerThatNobodyFetched) {
     next_id(7);
     ASSERT_EQ(31, send());
@@ -416,6 +432,20 @@ TEST_F(KypPeerConnTest, AnswerBehindTheDeadlineIsRefused) {
     EXPECT_EQ(1, log.count_containing("invokid:7,response is timeout,time usec:"));
     EXPECT_EQ(0x1008, m_conn.m_pLatestResponse->Wait());
     EXPECT_EQ("", fetch());
+}
+
+// Most rounds get to their answer with some of the time left.
+TEST_F(KypPeerConnTest, AnswerInTheLastMicrosecondIsRefused) {
+    SetLogLevel(LOG_LEVEL_CRITICAL);
+    Bytes late = response_frame(200, 9, 7, text("late"));
+
+    for (int round = 0; round < 200; ++round) {
+        next_id(7);
+        ASSERT_EQ(31, send());
+        int64_t& deadline = m_conn.m_pLatestRequest->deadline;
+        deadline = std::chrono::steady_clock::now().time_since_epoch().count() + 999;
+        ASSERT_EQ(-1, m_conn.process_frame(late.data(), static_cast<int>(late.size())));
+    }
 }
 
 TEST_F(KypPeerConnTest, DeadlineLongGoneIsReportedInMicroseconds) {

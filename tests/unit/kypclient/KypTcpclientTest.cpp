@@ -1,5 +1,6 @@
 #include "kypclient/KypTcpclient.h"
 
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -35,6 +36,7 @@ struct EventLog {
             std::lock_guard<std::mutex> lock(log.m_mutex);
             log.m_events.push_back(event);
             log.m_id = *id;
+            log.m_status = tlsErrno;
         }
         if (log.m_onEvent) log.m_onEvent(event);
     }
@@ -51,6 +53,7 @@ struct EventLog {
     std::mutex m_mutex;
     Events m_events;
     _KypDeviceId m_id{};
+    int m_status = 0;  // tlsErrno during the latest call
     std::function<void(int)> m_onEvent;
 };
 
@@ -124,6 +127,11 @@ public:
 class KypTcpclientTest : public testing::Test, public TcpclientFixture {
 protected:
     KypTcpclientTest() : TcpclientFixture(false) {}
+};
+
+class KypDomainclientTest : public testing::Test, public TcpclientFixture {
+protected:
+    KypDomainclientTest() : TcpclientFixture(true) {}
 };
 
 // Both transports behave alike from here on.
@@ -454,6 +462,21 @@ TEST_P(KypStreamclientTest, AnswerRefusedBeforeTheFetchIsATimeout) {
     EXPECT_EQ(0x1008, tlsErrno);
 }
 
+TEST_P(KypStreamclientTest, KeepsGivingTheRestOfTheFormerAnswerToAFetchThatFails) {
+    establish();
+    ASSERT_EQ(31, send());
+    answer("hello");
+    ASSERT_EQ(3, fetch(3));
+    ASSERT_EQ(31, send());
+
+    EXPECT_EQ(-1, fetch(100, 1));
+
+    EXPECT_EQ(0x1008, tlsErrno);
+    EXPECT_EQ("lo", fetched(2));
+    EXPECT_EQ(2u, m_client->m_pLatestRequest->copied);
+    EXPECT_EQ(0, fetch());
+}
+
 TEST_P(KypStreamclientTest, FetchIntoNoRoomTakesNothing) {
     establish();
     ASSERT_EQ(31, send());
@@ -543,6 +566,24 @@ TEST_P(KypStreamclientTest, StopWaitsForAReconnectUnderWay) {
     stopper.join();
 
     EXPECT_EQ((Events{2, 1}), m_events.all());
+}
+
+TEST_F(KypDomainclientTest, KeepsWaitingForTheRestOfAHeaderAlsoWhenStopped) {
+    ASSERT_EQ(0, m_client->add_router(600, RouteCalls::record, &m_calls));
+    establish();
+    const Bytes frame = response_frame(600, 9, 77);
+    m_peer.send(Bytes(frame.begin(), frame.begin() + 5));
+    ASSERT_TRUE(eventually([&] {
+        int unread = -1;
+        return ::ioctl(m_client->m_socket->m_fd, FIONREAD, &unread) == 0 && unread == 0;
+    }));
+
+    std::thread stopper([&] { m_client->stop(); });
+    EXPECT_TRUE(eventually([&] { return m_client->m_stop.load(); }));
+    m_peer.send(Bytes(frame.begin() + 5, frame.end()));
+    stopper.join();
+
+    EXPECT_EQ(1u, m_calls.count());
 }
 
 TEST_P(KypStreamclientTest, PortsAtTheEdgesPass) {
@@ -731,6 +772,52 @@ TEST_P(KypStreamclientTest, CloseInMidBodyIsReported) {
     EXPECT_EQ(0u, m_calls.count());
 }
 
+TEST_P(KypStreamclientTest, HeaderThatCannotBeReadIsReported) {
+    ASSERT_EQ(1, m_client->connect(5000));
+    int ends[2];
+    ASSERT_EQ(0, ::pipe(ends));
+    ASSERT_EQ(8, ::write(ends[1], "12345678", 8));
+    ASSERT_NE(-1, ::dup2(ends[0], m_client->m_socket->m_fd));  // readable, and no socket
+    LogCapture log;
+
+    m_client->start();
+
+    EXPECT_TRUE(m_events.wait_for({2, 1, 5}));
+    EXPECT_EQ(0x1010, m_events.m_status);
+    EXPECT_EQ(1,
+              log.count("ERROR", "received not a complete KypHeader,recv:-1!=8 sizeof(KypHeader)"));
+    EXPECT_EQ(0, log.count_containing("connection is close"));
+    ::close(ends[0]);
+    ::close(ends[1]);
+}
+
+TEST_P(KypStreamclientTest, StatusTellsTheCallbackWhyTheLinkWasLost) {
+    struct Row {
+        char const* name;
+        Bytes sent;
+        int status;
+    };
+    const Row rows[] = {
+        {"close", {}, 5},
+        {"close in mid-header", bytes("00 01 58 02 0D"), 5},
+        {"close in mid-body", join({kyp_head(600, 100), Bytes(10)}), 0x1010},
+        {"port", kyp_head(0, 13), 0x1012},
+        {"length", kyp_head(600, 0x600000), 0x100d},
+    };
+    for (Row const& row : rows) {
+        SCOPED_TRACE(row.name);
+        m_client->stop();
+        m_events.m_events.clear();
+        establish();
+
+        if (!row.sent.empty()) m_peer.send(row.sent);
+        m_peer.shut_writing();
+
+        EXPECT_TRUE(m_events.wait_for({2, 1, 5}));
+        EXPECT_EQ(row.status, m_events.m_status);
+    }
+}
+
 TEST_F(KypTcpclientTest, ResetOfThePeerIsReported) {
     establish();
     LogCapture log;
@@ -850,10 +937,12 @@ TEST_F(KypTcpclientTest, IntervalBelowZeroTriggersEachTime) {
 
 TEST_P(KypStreamclientTest, ThreadConnectsALinkThatWasNeverUp) {
     reconnect_without_pause();
+    LogCapture log;
 
     m_client->start();
 
     EXPECT_TRUE(m_listener.accept().connected());
+    EXPECT_TRUE(log.wait_for(",timeout:1500 ms"));
     EXPECT_TRUE(eventually([&] {
         const Events events = m_events.all();
         return events.size() >= 2 && events[0] == 2 && events[1] == 1;
