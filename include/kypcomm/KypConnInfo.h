@@ -30,7 +30,9 @@ typedef void (*KypConnEvent)(_KypDeviceId* deviceId, void* ctx, int event);
 /*
  * Takes a message that answers no request of this connection.
  * port   its logical port, the one that the callback is registered for
- * data   what follows the heads of the frame; valid during the call
+ * data   what follows the _AoEHeader, so neither the invoke id nor the status; the 8 bytes of an
+ *        AoERequestHeader, if there is one, come first. In a frame of version 0 all that follows
+ *        the _KypHeader. Valid during the call
  * thread the connection's receive thread, which reads nothing else meanwhile
  */
 typedef void (*KypRouteCallback)(unsigned short port, char const* data, unsigned int len,
