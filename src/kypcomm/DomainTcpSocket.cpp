@@ -71,6 +71,7 @@ DomainTcpSocket::~DomainTcpSocket() {
     (void)DomainTcpSocket::Shutdown();
 }
 
+// Kept: the timeout is not looked at; a server that does not accept keeps its callers waiting.
 bool DomainTcpSocket::Connect(int /*timeoutMs*/) {
     if (m_fd.load(kRelaxed) == -1) m_fd.store(socket(AF_UNIX, SOCK_STREAM, 0), kRelaxed);
 

@@ -114,6 +114,7 @@ int Socket::readn(unsigned char* buf, unsigned long len) {
         }
         const int error = errno;
         if (n == 0) {
+            // Kept: what came before the end is lost; callers see 0 and no message.
             m_connected.store(false, std::memory_order_release);
             return 0;
         }

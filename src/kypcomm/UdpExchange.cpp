@@ -52,6 +52,7 @@ int UdpSendRecv(char const* host, unsigned short port, unsigned short cmd, AoERe
     memcpy(&head, answer, sizeof head);
     const int headSize = static_cast<int>(sizeof head);
     if (received < headSize || static_cast<unsigned int>(received - headSize) != head.nMsgLen) {
+        // Kept: tlsErrno stays as it was, here and below; only the result tells.
         KYP_LOG(LOG_LEVEL_ERROR, "kypHeader len:%d !=", static_cast<int>(head.nMsgLen));
         return KYP_ERR_HEADER_LENGTH;
     }

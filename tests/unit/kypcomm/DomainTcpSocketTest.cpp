@@ -81,6 +81,15 @@ TEST_F(DomainTcpSocketTest, ConnectHandsWholeRecordsToTheKernel) {
               gate.calls());
 }
 
+TEST_F(DomainTcpSocketTest, KeepsConnectBlockingWhateverItsTimeout) {
+    auto const made = socket_to(kServer);
+    CallGate gate;
+
+    EXPECT_TRUE(made->Connect(1));
+    EXPECT_EQ(0, gate.count("select"));
+    EXPECT_EQ(0, fcntl(made->m_fd, F_GETFL) & O_NONBLOCK);
+}
+
 TEST_F(DomainTcpSocketTest, ConnectedSocketCarriesBytesBothWays) {
     auto const made = connected();
     unsigned char buf[4];

@@ -315,7 +315,7 @@ TEST_F(SocketTest, KeepsABrokenPipeAnUnrelatedErrorToAReader) {
     EXPECT_EQ(kEarlierStatus, tlsErrno);
 }
 
-TEST_F(SocketTest, BlockingReadLosesThePartOfAPeerThatCloses) {
+TEST_F(SocketTest, KeepsLosingThePartOfAPeerThatCloses) {
     m_far.send(text("ab"));
     m_far.close();
     LogCapture log;
@@ -381,7 +381,7 @@ TEST_F(SocketTest, TimedReadGivesThePartThatCameInTime) {
     EXPECT_EQ(kEarlierStatus, tlsErrno);
 }
 
-TEST_F(SocketTest, TimedReadGivesNothingWhenThePeerClosesInTheMiddle) {
+TEST_F(SocketTest, KeepsGivingATimedReadNothingWhenThePeerClosesInTheMiddle) {
     m_far.send(text("ab"));
     m_far.close();
     LogCapture log;

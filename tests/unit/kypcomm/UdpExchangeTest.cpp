@@ -144,7 +144,7 @@ TEST_F(UdpExchangeTest, SilentDeviceIsATimeout) {
     EXPECT_EQ(0x1008, tlsErrno);
 }
 
-TEST_F(UdpExchangeTest, AnswerWhoseLengthDoesNotFitItsDatagramIsRefused) {
+TEST_F(UdpExchangeTest, KeepsTheStatusWhenTheLengthOfAnAnswerDoesNotFit) {
     for (int const difference : {-1, 1}) {
         SCOPED_TRACE(difference);
         LogCapture log;
