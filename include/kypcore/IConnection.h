@@ -20,6 +20,7 @@ class pbuf;
 // Is told once when a connection that it is attached to closes.
 class KYP_API IObserverConn {
 public:
+    IObserverConn();
     virtual ~IObserverConn();
 
     // `conn` is still open: its descriptor is closed after every observer was told. Runs on the

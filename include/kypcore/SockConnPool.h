@@ -1,8 +1,9 @@
 // All connection records of the process, the ones in use, the ones ready and the ones waiting.
 //
 // Owns:     every record, through m_listAll; the other lists only refer to them.
-// Threads:  any; IdelRecyConnections() belongs to the first loop's thread. Lock order: m_recyMutex,
-//           then m_connMutex, then a record's m_sendMutex.
+// Threads:  any; IdelRecyConnections() belongs to the first loop's thread, close_connections() to
+//           the connection's. Lock order: m_recyMutex, then m_connMutex, then a record's
+//           m_sendMutex.
 // Lifetime: a singleton. Records are never freed before clear_connections(), so every pointer to
 //           one stays good; a closed one waits m_nRecyDelay seconds before it serves a new peer.
 #ifndef KYP_KYPCORE_SOCKCONNPOOL_H
@@ -38,7 +39,8 @@ public:
     void free_connection(CSocketConnection* conn);
 
     // The end of a connection: observers are told, the record is queued for reuse, its socket
-    // closed. A second call for the same record does no harm.
+    // closed. A second call for the same record does no harm. Once the connection is registered
+    // this belongs to its loop's thread, which may be reading the descriptor.
     void close_connections(CSocketConnection* conn);
 
     // Tells and drops the observers, then queues the record once. Returns 0.
@@ -56,9 +58,6 @@ public:
     std::atomic<int> m_nTotal;  // size of m_listAll
     std::atomic<int> m_nFree;   // size of m_listFree
     std::atomic<int> m_nRecy;  // size of m_listRecy; keeps the idle round of the recycler lock-free
-
-private:
-    void queue_for_reuse(CSocketConnection* conn);
 };
 
 extern template class KYP_API utility::Singleton<CSockConnPool>;

@@ -160,7 +160,8 @@ int CEventLoop::epoll_oper_event(int fd, unsigned int op, unsigned int events, i
         default:
             return 0;
     }
-    // Before the call: as soon as the descriptor is in the set, other threads change the mask.
+    // Kept: saved also when the kernel then refuses. It comes before the call because other threads
+    // change the mask as soon as the descriptor is in the set.
     if (op != EPOLL_CTL_DEL) conn->m_events.store(event.events, std::memory_order_relaxed);
     if (epoll_ctl(m_epollFd, static_cast<int>(op), fd, &event) == 0) return 0;
 
@@ -179,6 +180,7 @@ int CEventLoop::add_listen_event(ISocketServer* server,
     CSocketConnection* const conn = utility::instance<CSockConnPool>().get_connection(fd);
     conn->SetSockServer(server);
     conn->m_readHandler = handler;
+    // Kept: a socket that epoll refuses still costs a record, which stays in use.
     return epoll_oper_event(fd, EPOLL_CTL_ADD, kReadInterest, 0, conn);
 }
 

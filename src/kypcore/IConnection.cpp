@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+IObserverConn::IObserverConn() = default;
+
 IObserverConn::~IObserverConn() = default;
 
 IConnection::IConnection() = default;

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <mutex>
 
 #include "kypcomm/pbuf/CMsgHeader.h"
 #include "kypcomm/pbuf/pbufpool.h"
@@ -45,6 +46,12 @@ unsigned int bytes_to_ask_for(CSocketConnection* conn) {
     pbuf* const buf = conn->m_pRecvMsg->getpBuf();
     auto const room = static_cast<size_t>(buf->rawData() + buf->capacity() - conn->m_pRecvPos);
     return static_cast<unsigned int>(std::min<size_t>(conn->m_nRecvRest, room));
+}
+
+// Asked under the lock: a worker may be installing a message that does have bytes.
+bool sends_an_empty_message(CSocketConnection* conn) {
+    std::lock_guard<std::mutex> lock(conn->m_sendMutex);
+    return conn->m_pSendMsg != nullptr && conn->m_nSendRest.load(std::memory_order_relaxed) == 0;
 }
 
 void advance(CSocketConnection* conn, unsigned int count) {
@@ -100,7 +107,9 @@ int ISocketServer::sock_write_request_handler(CSocketConnection* conn) {
     unsigned int const rest = conn->m_nSendRest.load(std::memory_order_relaxed);
     int const sent = sendproc(conn, data, rest);
     // A message without bytes leaves at once: waiting for it would hold up the queue for ever.
-    bool const empty = sent == 0 && rest == 0 && conn->m_pSendMsg != nullptr;
+    bool const empty = sent == 0 && rest == 0 && sends_an_empty_message(conn);
+    // Kept: a broken link is neither logged nor closed here and is tried again with each event; the
+    // read side finds it.
     if (sent < 1 && !empty) return 0;
 
     auto const count = static_cast<unsigned int>(sent);

@@ -20,6 +20,18 @@ CSocketConnection* make_record() {
     return conn;
 }
 
+// The caller holds m_recyMutex.
+void queue_for_reuse(CSockConnPool& pool, CSocketConnection* conn) {
+    if (std::find(pool.m_listRecy.begin(), pool.m_listRecy.end(), conn) != pool.m_listRecy.end())
+        return;
+
+    conn->m_tRecycle = time(nullptr);
+    // From here on the workers drop what this connection has sent.
+    conn->iCurrsequence.fetch_add(1, std::memory_order_relaxed);
+    pool.m_listRecy.push_back(conn);
+    pool.m_nRecy.fetch_add(1, std::memory_order_relaxed);
+}
+
 void close_descriptor(CSocketConnection* conn) {
     std::lock_guard<std::mutex> lock(conn->m_sendMutex);
     int const fd = conn->m_fd.load(std::memory_order_relaxed);
@@ -56,6 +68,8 @@ int CSockConnPool::init_connections(int count) {
 
 void CSockConnPool::clear_connections() {
     {
+        // Kept: the other lists still name the records, and the counters still count them, so the
+        // pool serves nobody behind this.
         std::lock_guard<std::mutex> lock(m_connMutex);
         while (!m_listAll.empty()) {
             CSocketConnection* const conn = m_listAll.front();
@@ -99,7 +113,7 @@ void CSockConnPool::close_connections(CSocketConnection* conn) {
     // One hold for both: with a short delay the recycler could otherwise hand the record to a new
     // peer in between, and the descriptor closed would be the new one's.
     std::lock_guard<std::mutex> lock(m_recyMutex);
-    queue_for_reuse(conn);
+    queue_for_reuse(*this, conn);
     close_descriptor(conn);
 }
 
@@ -107,19 +121,8 @@ int CSockConnPool::inRecyConnectQueue(CSocketConnection* conn) {
     conn->notify();
     conn->detachAll();
     std::lock_guard<std::mutex> lock(m_recyMutex);
-    queue_for_reuse(conn);
+    queue_for_reuse(*this, conn);
     return 0;
-}
-
-// The caller holds m_recyMutex.
-void CSockConnPool::queue_for_reuse(CSocketConnection* conn) {
-    if (std::find(m_listRecy.begin(), m_listRecy.end(), conn) != m_listRecy.end()) return;
-
-    conn->m_tRecycle = time(nullptr);
-    // From here on the workers drop what this connection has sent.
-    conn->iCurrsequence.fetch_add(1, std::memory_order_relaxed);
-    m_listRecy.push_back(conn);
-    m_nRecy.fetch_add(1, std::memory_order_relaxed);
 }
 
 void CSockConnPool::IdelRecyConnections() {

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include "kypcomm/KypStatus.h"
 #include "kypcomm/pbuf/CMsgHeader.h"
@@ -48,6 +49,12 @@ std::unique_ptr<CMsgHeader> make_message(CSocketConnection* conn, unsigned int i
     msg->m_nSequence = conn->iCurrsequence.load(std::memory_order_relaxed);
     msg->m_nInvokeId = invokeId;
     return msg;
+}
+
+// Kept: a message that cannot be sent is destroyed, and the sender hears 0 all the same.
+int send_anyway(CSocketConnection* conn, std::unique_ptr<CMsgHeader> msg) {
+    conn->addSendQueue(msg.release());
+    return 0;
 }
 
 // A buffer for `size` bytes of data and `extra` more, or null with the reason logged.
@@ -103,8 +110,7 @@ int CSocketConnection::send_message(char const* data, int size) {
     auto msg = make_message(this, 0);
     msg->setpBuf(buf, kHeadRoom);
     if (size > 0) msg->prepend(data, size);
-    addSendQueue(msg.release());
-    return 0;
+    return send_anyway(this, std::move(msg));
 }
 
 int CSocketConnection::send_message(_AoEHeader const& aoe, unsigned short port, char const* data,
@@ -121,15 +127,19 @@ int CSocketConnection::send_message(_AoEHeader const& aoe, unsigned short port, 
     if (size > 0) msg->prepend(data, size);
     msg->prepend(&aoe, sizeof aoe);
     msg->prepend(&head, sizeof head);
-    addSendQueue(msg.release());
-    return 0;
+    return send_anyway(this, std::move(msg));
 }
 
 int CSocketConnection::send_message(pbuf* buf, _AoEHeader const& aoe) {
+    if (buf == nullptr) {
+        KYP_LOG(LOG_LEVEL_ERROR, "send message fail,no buffer");
+        tlsErrno = KYP_ERR_PARAM;
+        return -1;
+    }
+
     auto msg = make_message(this, utils_ntohl(aoe.invokeId));
     msg->setpBuf(buf, 0);
-    addSendQueue(msg.release());
-    return 0;
+    return send_anyway(this, std::move(msg));
 }
 
 int CSocketConnection::get_fd() {

@@ -27,6 +27,7 @@ TcpDomainserver::TcpDomainserver(char const* path) {
         KYP_LOG(LOG_LEVEL_ERROR, "unixdomain::server :socket():%s", strerror(errno));
         return;
     }
+    // Kept: takes the path also from a server that is still running and from a file of any kind.
     unlink(path);
     m_strPath = path;
     sockaddr_un addr{};

@@ -97,14 +97,15 @@ int UdpServer::sock_read_request_handler(CSocketConnection* conn) {
 int UdpServer::sock_write_request_handler(CSocketConnection* conn) {
     unsigned char* const data = conn->m_pSendPos.load(std::memory_order_acquire);
     // Asked again although the message is gone: nothing below takes the socket out of the writable
-    // set.
-    if (conn->m_pSendMsg == nullptr) return 0;
+    // set. The position comes first: it is stored last, so behind it the message can be seen.
+    if (data == nullptr || conn->m_pSendMsg == nullptr) return 0;
 
     (void)sendproc(conn, data, conn->m_nSendRest);
     // Kept: m_bSending stays true and the socket in the writable set; the program's own write
     // handler goes on to triggerSendNextMsg().
     delete conn->m_pSendMsg;
     conn->m_pSendMsg = nullptr;
+    conn->m_pSendPos.store(nullptr, std::memory_order_relaxed);
     return 0;
 }
 

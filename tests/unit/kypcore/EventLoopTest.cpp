@@ -240,7 +240,7 @@ TEST_F(EventLoopTest, WriteInterestIsAddedAndRemovedBitByBit) {
     close(pair[1]);
 }
 
-TEST_F(EventLoopTest, AFailedInterestChangeIsLoggedAndSavedAllTheSame) {
+TEST_F(EventLoopTest, KeepsTheMaskOfAFailedInterestChange) {
     m_conn.m_events = 0x2001;
 
     EXPECT_EQ(-1, m_loop.epoll_oper_event(-1, EPOLL_CTL_MOD, 4, 0, &m_conn));
@@ -275,9 +275,14 @@ TEST_F(EventLoopTest, AListeningSocketGetsARecordWithTheReadHandlerAlone) {
     close(pair[1]);
 }
 
-TEST_F(EventLoopTest, AServerWithoutASocketCannotListen) {
+TEST_F(EventLoopTest, KeepsTheRecordOfASocketThatCannotListen) {
+    auto& pool = utility::instance<CSockConnPool>();
+    pool.init_connections(1);
+
     EXPECT_EQ(-1, m_loop.add_listen_event(&m_server, &ISocketServer::sock_event_accept));
     EXPECT_EQ(1, m_log.count("ERROR", "epoll_ctl(-1,1,8193,0)fail,error:9,Bad file descriptor"));
+    EXPECT_EQ(0, pool.m_nFree);
+    EXPECT_EQ(0, pool.m_nRecy);
 }
 
 // What CreateRealtimeThread asks the C library for.

@@ -8,6 +8,7 @@
 #include <tuple>
 
 #include "CoreFixture.h"
+#include "KernelCalls.h"
 #include "support/CallGate.h"
 
 namespace {
@@ -240,7 +241,18 @@ TEST_F(ISocketServerTest, ThePeersEndClosesTheConnection) {
         1, m_log.count("WARNING", "client:peer request disconnect fd:" + std::to_string(m_near)));
 }
 
-TEST_F(ISocketServerTest, AnEndInTheMiddleOfAHeadOrABodyLeavesNoMessage) {
+TEST_F(ISocketServerTest, AnEndInTheMiddleOfAHeadLeavesNoMessage) {
+    arrive(bytes("00 01 64"));
+    read_event();
+    m_peer.close();
+
+    EXPECT_EQ(-1, read_event());
+    EXPECT_TRUE(record_is_closed());
+    EXPECT_EQ(nullptr, m_conn->m_pRecvMsg);
+    EXPECT_TRUE(take_queued_messages().empty());
+}
+
+TEST_F(ISocketServerTest, AnEndInTheMiddleOfABodyLeavesNoMessage) {
     arrive(join({kyp_head(100, 50), text("half")}));
     read_event();
     read_event();
@@ -303,7 +315,7 @@ INSTANTIATE_TEST_SUITE_P(
                     std::make_tuple(ENOTCONN, "Transport endpoint is not connected"),
                     std::make_tuple(ETIMEDOUT, ""), std::make_tuple(EBADF, "")));
 
-TEST_F(ISocketServerTest, AWriteThatTakesNothingChangesNothing) {
+TEST_F(ISocketServerTest, KeepsTheMessageAndTheLinkWhenAWriteTakesNothing) {
     ScriptedServer server;
     install("message");
     for (int answer : {0, -1, -2}) {
@@ -356,6 +368,39 @@ TEST_F(ISocketServerTest, AMessageWithoutBytesDoesNotHoldUpTheQueue) {
     turn(2);
     EXPECT_EQ("next", as_text(m_peer.receive(4)));
     EXPECT_FALSE(m_conn->m_bSending);
+}
+
+// A server in whose write another thread's answer arrives.
+class OvertakenServer : public ISocketServer {
+public:
+    int sendproc(CSocketConnection* conn, unsigned char*, unsigned int) override {
+        conn->send_message("answer", 6);
+        return 0;
+    }
+};
+
+TEST_F(ISocketServerTest, AnAnswerThatArrivesDuringAnIdleWriteEventIsNotLost) {
+    OvertakenServer server;
+
+    EXPECT_EQ(0, server.sock_write_request_handler(m_conn));
+    turn();
+    EXPECT_EQ("answer", as_text(m_peer.receive(6)));
+}
+
+TEST_F(ISocketServerTest, AnExchangeCostsNoFurtherSystemCalls) {
+    arrive(join({kyp_head(100, 5), text("hello")}));
+    std::vector<int> interest;
+    KernelHook ctl(kernel::epoll_ctl, [&](int epollFd, int op, int fd, epoll_event* event) {
+        interest.push_back(static_cast<int>(event->events));
+        return kernel::epoll_ctl.real(epollFd, op, fd, event);
+    });
+    CallGate gate;
+
+    turn(2);
+    install("answer");
+    turn();
+    EXPECT_EQ((std::vector<std::string>{"recv(8,0)", "recv(5,0)", "send(6,16384)"}), gate.calls());
+    EXPECT_EQ((std::vector<int>{0x2005, 0x2001}), interest);
 }
 
 TEST_F(ISocketServerTest, AWriteEventWithNothingToSendDoesNothing) {

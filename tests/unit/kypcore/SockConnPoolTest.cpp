@@ -261,7 +261,7 @@ TEST_F(SockConnPoolTest, AnIdleRoundOfTheRecyclerTakesNoLockAndAsksForNoTime) {
     EXPECT_EQ(0, asked);
 }
 
-TEST_F(SockConnPoolTest, ClearConnectionsDestroysAllRecordsAndLeavesListsAndCounters) {
+TEST_F(SockConnPoolTest, KeepsListsAndCountersWhenAllRecordsAreDestroyed) {
     m_pool.init_connections(2);
 
     m_pool.clear_connections();

@@ -150,7 +150,7 @@ TEST(SocketConnectionStampTest, AnAnswerInABufferCarriesItsInvokeIdToo) {
     EXPECT_EQ(buf, conn.m_queued->getpBuf());
 }
 
-TEST(SocketConnectionStampTest, SendMessageReturnsZeroWhateverTheQueueSays) {
+TEST(SocketConnectionStampTest, KeepsReturningZeroFromSendMessageWhateverTheQueueSays) {
     RecordingConnection conn;
     conn.m_answer = -1;
     _AoEHeader const aoe{};
@@ -167,7 +167,11 @@ TEST_F(SocketConnectionTest, BadArgumentsOfSendMessageAreReported) {
     EXPECT_EQ(-1, m_conn->send_message("abc", -1));
     EXPECT_EQ(KYP_ERR_PARAM, tlsErrno);
     EXPECT_EQ(-1, m_conn->send_message(aoe, 100, nullptr, 3, 1000));
-    EXPECT_EQ(1, m_log.count_containing("send message fail,data:(nil),size:3"));
+    EXPECT_EQ(1, m_log.count("ERROR", "send message fail,data:(nil),size:3"));
+    tlsErrno = 0;
+    EXPECT_EQ(-1, m_conn->send_message(static_cast<pbuf*>(nullptr), aoe));
+    EXPECT_EQ(KYP_ERR_PARAM, tlsErrno);
+    EXPECT_EQ(1, m_log.count("ERROR", "send message fail,no buffer"));
     EXPECT_FALSE(m_conn->m_bSending);
 }
 

@@ -43,11 +43,15 @@ TEST_F(TcpDomainServerTest, SocketAndFileGoWithTheServer) {
     EXPECT_EQ(-1, fcntl(fd, F_GETFD));
 }
 
-TEST_F(TcpDomainServerTest, WhatStandsAtThePathIsReplaced) {
+TEST_F(TcpDomainServerTest, KeepsReplacingWhatStandsAtThePath) {
     close(open(kPath, O_CREAT | O_WRONLY, 0600));
 
-    TcpDomainserver server(kPath);
+    TcpDomainserver first(kPath);
     EXPECT_TRUE(RawPeer::connect_unix(kPath).connected());
+    TcpDomainserver second(kPath);
+    CSocketConnection* const listening = listen_record(second);
+    RawPeer const peer = RawPeer::connect_unix(kPath);
+    EXPECT_EQ(0, second.sock_event_accept(listening));
 }
 
 TEST_F(TcpDomainServerTest, APathOf108BytesIsTakenAndALongerOneIsCut) {

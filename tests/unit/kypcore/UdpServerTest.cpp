@@ -198,6 +198,7 @@ TEST_F(UdpAnswerTest, AnAnswerGoesBackToTheSender) {
     EXPECT_EQ("answer", as_text(answer.data));
     EXPECT_EQ(port_of(m_server.get_listen_sock()), answer.port);
     EXPECT_EQ(nullptr, m_conn->m_pSendMsg);
+    EXPECT_EQ(nullptr, m_conn->m_pSendPos.load());
 }
 
 TEST_F(UdpAnswerTest, KeepsAnsweringTheSenderOfTheLatestDatagram) {
