@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 
 #include "kypcore/EventLoop.h"
 #include "kypcore/ISocketServer.h"
@@ -28,6 +29,16 @@ void log_accept_error(int error) {
         default:
             KYP_LOG(LOG_LEVEL_ERROR, "accept error:%s", strerror(error));
     }
+}
+
+// Under the send lock: whoever knows the connection from the start hook may send at this moment,
+// and its change of the event mask would take the place of this one.
+int register_connection(CSocketConnection* conn, int fd) {
+    CEventLoop* const loop = utility::instance<CEventManage>().get_event_loop();
+    std::lock_guard<std::mutex> lock(conn->m_sendMutex);
+    conn->SetEventLoop(loop);
+    if (loop == nullptr) return -1;
+    return loop->epoll_oper_event(fd, EPOLL_CTL_ADD, EPOLLIN | EPOLLRDHUP, 0, conn);
 }
 
 }  // namespace
@@ -66,12 +77,8 @@ int start_connection(ISocketServer* server, CSocketConnection* conn, int fd) {
     if (ISocketServer::m_pfnConnStart != nullptr) {
         ISocketServer::m_pfnConnStart(conn, ISocketServer::m_lpConnStartCtx);
     }
-    CEventLoop* const loop = utility::instance<CEventManage>().get_event_loop();
-    conn->SetEventLoop(loop);
-    if (loop != nullptr &&
-        loop->epoll_oper_event(fd, EPOLL_CTL_ADD, EPOLLIN | EPOLLRDHUP, 0, conn) == 0) {
-        return 0;
-    }
+    if (register_connection(conn, fd) == 0) return 0;
+
     server->sock_close_connection(conn);
     return -1;
 }

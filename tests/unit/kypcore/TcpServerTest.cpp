@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <thread>
 
 #include "ServerFixture.h"
 #include "kypcore/router/RouteManage.h"
@@ -235,6 +236,22 @@ TEST_F(TcpServerTest, AFailedRegistrationClosesTheConnectionBehindItsStart) {
     EXPECT_EQ(-1, m_newest->get_fd());
     EXPECT_EQ(0, m_log.count_containing("new tcp connection"));
     EXPECT_TRUE(peer.expect_closed());
+}
+
+TEST_F(TcpServerTest, ASenderThatKnowsTheConnectionFromItsStartWaitsForTheRegistration) {
+    CSocketConnection* const listening = listen_record(m_server);
+    RawPeer const peer = connect();
+    bool sendsMeanwhile = true;
+    KernelHook hook(kernel::epoll_ctl, [&](int epollFd, int op, int fd, epoll_event* event) {
+        std::thread([&] {
+            sendsMeanwhile = m_newest->m_sendMutex.try_lock();
+            if (sendsMeanwhile) m_newest->m_sendMutex.unlock();
+        }).join();
+        return kernel::epoll_ctl.real(epollFd, op, fd, event);
+    });
+
+    EXPECT_EQ(0, m_server.sock_event_accept(listening));
+    EXPECT_FALSE(sendsMeanwhile);
 }
 
 TEST_F(TcpServerTest, WithoutALoopTheConnectionIsClosedTheSameWay) {
