@@ -131,7 +131,7 @@ std::string CEndpoints::describe() const {
 
 std::string CEndpoints::open_tcp() {
     Address const& address = m_options.tcpAddress;
-    std::string const problem = probe(address, SOCK_STREAM, "--tcp-address");
+    std::string problem = probe(address, SOCK_STREAM, "--tcp-address");
     if (!problem.empty()) return problem;
 
     m_tcp =
@@ -141,7 +141,7 @@ std::string CEndpoints::open_tcp() {
 
 std::string CEndpoints::open_domain() {
     std::string const& path = m_options.domainPath;
-    std::string const problem = m_pathGuard.take(path);
+    std::string problem = m_pathGuard.take(path);
     if (!problem.empty()) return problem;
 
     mode_t const usual = umask(kDomainUmask);
@@ -152,7 +152,7 @@ std::string CEndpoints::open_domain() {
 
 std::string CEndpoints::open_udp() {
     Address const& address = m_options.udpAddress;
-    std::string const problem = probe(address, SOCK_DGRAM, "--udp-address");
+    std::string problem = probe(address, SOCK_DGRAM, "--udp-address");
     if (!problem.empty()) return problem;
 
     m_udp = std::make_unique<CUdpEndpoint>(address.host.c_str(), address.port);

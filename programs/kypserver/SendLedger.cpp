@@ -31,7 +31,8 @@ CSendLedger::Offer CSendLedger::offer(IConnection* conn, _KypHeader const& head,
     size_t const total = sizeof head + sizeof aoe + size;
     std::lock_guard<std::mutex> lock(m_mutex);
     Link& link = m_links[conn];
-    if (link.waiting > 0 && link.waiting + total > m_maxWaitingBytes) return drop(link);
+    size_t const behind = link.frames.empty() ? 0 : link.waiting - link.frames.front().size;
+    if (behind > 0 && behind + total > m_maxWaitingBytes) return drop(link);
 
     pbuf* const buf = make_frame(head, aoe, data, size);
     if (buf == nullptr) return drop(link);  // larger than any frame that a peer can have sent

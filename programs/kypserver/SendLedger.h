@@ -30,7 +30,9 @@ class CConnections;
 
 class CSendLedger {
 public:
-    // At most `maxWaitingBytes` wait for one connection, or one frame if that is larger.
+    // At most `maxWaitingBytes` wait for one connection, or one frame if that is larger. The first
+    // frame does not count: it is being sent, and a peer that has answered it already may still
+    // find it here.
     CSendLedger(CConnections const& connections, size_t maxWaitingBytes);
 
     enum Offer {
@@ -51,6 +53,7 @@ public:
     // Forgets what waits for `conn`, which is closing.
     void closed(IConnection* conn);
 
+    // Bytes queued for `conn` that have not left, the frame being sent included.
     size_t waiting(IConnection* conn) const;
     uint64_t dropped() const;  // frames of all connections since the start
 
@@ -61,7 +64,7 @@ private:
     };
     struct Link {
         std::deque<Frame> frames;  // in the order of the connection's queue
-        size_t waiting = 0;        // bytes in `frames`
+        size_t waiting = 0;        // bytes in `frames`, with the first
         uint64_t dropped = 0;      // frames of the present burst, 0 outside one
     };
 
