@@ -65,11 +65,12 @@ int CUdpEndpoint::sock_read_request_handler(CSocketConnection* conn) {
 
 int CUdpEndpoint::sock_write_request_handler(CSocketConnection* conn) {
     // The position is stored last when a message is installed; behind it the message can be seen.
-    if (conn->m_pSendPos.load(std::memory_order_acquire) != nullptr) {
-        UdpServer::sock_write_request_handler(conn);
-        conn->m_pSendPos = nullptr;
-        conn->m_nSendRest = 0;
-    }
+    // Without one there is nothing to go on from, and a message that comes now is left alone.
+    if (conn->m_pSendPos.load(std::memory_order_acquire) == nullptr) return 0;
+
+    UdpServer::sock_write_request_handler(conn);
+    conn->m_pSendPos = nullptr;
+    conn->m_nSendRest = 0;
     return conn->triggerSendNextMsg();
 }
 
