@@ -29,14 +29,15 @@ void take_received(CMsgHeader* msg, void* head, int size) {
     RecvBuf& buf = msg->m_recvBuf;
     const int valid = buf.GetVaildSize();
     if (valid >= size) memcpy(head, buf.GetVaildData(), static_cast<size_t>(size));
+    // Kept: the bytes of a head that is not there whole are lost, too.
     buf.m_begin += std::min(size, std::max(valid, 0));
 }
 
-// The same for a message in send mode, where the buffer's capacity decides and not its content.
-// What the content lacks is read as zero.
+// The same for a message in send mode. What the content lacks is read as zero.
 void take_sendable(CMsgHeader* msg, void* head, int size) {
     pbuf* const buf = msg->getpBuf();
     if (buf == nullptr) return;
+    // Kept: the buffer's capacity decides whether a head is there, and not its content.
     if (static_cast<int>(buf->capacity()) >= size) {
         const int valid = std::min(static_cast<int>(buf->size()), size);
         memset(head, 0, static_cast<size_t>(size));
@@ -142,6 +143,7 @@ int RouteManage::dataCallback(CMsgHeader* msg, _KypHeader& header, _AoEHeader& a
             static_cast<int>(header.nMsgLen), static_cast<int>(header.port),
             static_cast<int>(utils_ntohl(aoe.error)), static_cast<int>(utils_ntohl(aoe.invokeId)),
             static_cast<int>(utils_ntohs(aoe.cmd)), static_cast<int>(aoe.state));
+    // Kept: the state is not asked, so a response reaches the route like a request.
     PortRegister& entry = m_ports[header.port];
     if (entry.m_type == kSvrRoute) {
         AoERequestHeader request = {};
@@ -178,7 +180,10 @@ int RouteManage::ErrorResponse(_KypHeader const& header, _AoEHeader const& aoe, 
 
 int RouteManage::comp_datacallback(RecvBuf* buf, _KypHeader& header, _AoEHeader& aoe,
                                    AoERequestHeader& request, void* conn) {
-    return comp_datacallback(buf->GetVaildData(), buf->GetVaildSize(), header, aoe, request, conn);
+    // Without a buffer there is no payload; a bad port is answered all the same.
+    unsigned char* const data = buf != nullptr ? buf->GetVaildData() : nullptr;
+    const int size = buf != nullptr ? buf->GetVaildSize() : 0;
+    return comp_datacallback(data, size, header, aoe, request, conn);
 }
 
 int RouteManage::comp_datacallback(unsigned char* data, int size, _KypHeader& header,

@@ -338,6 +338,17 @@ TEST_F(RouteManageTest, AFrameWithoutAHeadIsForPortZero) {
     }
 }
 
+TEST_F(RouteManageTest, KeepsNothingOfAHeadThatIsNotThereWhole) {
+    m_routes->addCmpPortRoute(200, record_cmp, nullptr);
+
+    call(join({kyp_head(200, 12), Bytes(12, 0xff)}));
+
+    ASSERT_EQ(1U, g_cmpCalls.size());
+    EXPECT_EQ("", hex(g_cmpCalls[0].rest));
+    EXPECT_EQ(0U, static_cast<uint32_t>(g_cmpCalls[0].aoe.error));
+    EXPECT_EQ(0, g_cmpCalls[0].aoe.state);
+}
+
 TEST_F(RouteManageTest, AShortMessageEndsAtItsOwnEnd) {
     m_routes->addCmpPortRoute(200, record_cmp, nullptr);
     auto const msg = received(kyp_head(200, 5));
@@ -378,7 +389,7 @@ TEST_F(RouteManageTest, ReadsAMessageInSendModeFromItsBuffer) {
     EXPECT_EQ(2, msg->GetVaildSize());
 }
 
-TEST_F(RouteManageTest, AShortMessageInSendModeIsNotReadPastItsEnd) {
+TEST_F(RouteManageTest, KeepsAskingTheCapacityOfAMessageInSendMode) {
     m_routes->addSvrPortRoute(200, record_svr, nullptr);
     auto const msg = sendable(bytes("00 01 C8 00"), 64);
 
@@ -434,6 +445,21 @@ TEST_F(RouteManageTest, AnErrorAnswerRepeatsCommandAndInvokeId) {
     ASSERT_EQ(1U, m_conn.m_sent.size());
     EXPECT_EQ("00 01 2C 01 0D 00 00 00 00 00 10 06 01 02 03 04 00 04 00 00 01",
               hex(m_conn.m_sent[0]));
+}
+
+TEST_F(RouteManageTest, AnErrorAnswerToNobodyGoesNowhere) {
+    _KypHeader const header = {0, 1, 300, 99};
+
+    EXPECT_EQ(0, m_routes->ErrorResponse(header, {}, 0x1006, nullptr));
+}
+
+TEST_F(RouteManageTest, KeepsDispatchingAResponseAsARequest) {
+    m_routes->addSvrPortRoute(200, record_svr, nullptr);
+
+    EXPECT_EQ(0, call(response_frame(200, 9, 7, text("\1\2\3\4\5\6\7\10AB"))));
+
+    ASSERT_EQ(1U, g_svrCalls.size());
+    EXPECT_EQ("AB", as_text(g_svrCalls[0].data));
 }
 
 class CompDataCallbackTest : public RouteManageTest {
@@ -507,6 +533,20 @@ TEST_F(CompDataCallbackTest, AnswersAndLogsAPortOutsideTheTable) {
         EXPECT_EQ(0x1014U, take_apart(m_conn.m_sent[0]).error);
         EXPECT_EQ(7U, take_apart(m_conn.m_sent[0]).invokeId);
     }
+}
+
+TEST_F(CompDataCallbackTest, ABadPortIsAnsweredWithoutABuffer) {
+    _KypHeader bad = {0, 1, 5000, 0};
+    _KypHeader good = {0, 1, 600, 0};
+    m_routes->addSvrPortRoute(600, record_svr, nullptr);
+    RecvBuf* const none = nullptr;
+
+    EXPECT_EQ(0x1014, m_routes->comp_datacallback(none, bad, m_aoe, m_request, &m_conn));
+    EXPECT_EQ(0, m_routes->comp_datacallback(none, good, m_aoe, m_request, &m_conn));
+
+    EXPECT_EQ(1U, m_conn.m_sent.size());
+    ASSERT_EQ(1U, g_svrCalls.size());
+    EXPECT_EQ(0U, g_svrCalls[0].data.size());
 }
 
 TEST_F(CompDataCallbackTest, AcceptsTheEndsOfTheTable) {

@@ -5,6 +5,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cerrno>
 #include <condition_variable>
 #include <cstring>
 #include <mutex>
@@ -160,7 +161,8 @@ TEST_F(ThreadPoolTest, AWorkerThatCannotBeCreatedEndsTheCreation) {
     EXPECT_EQ(0, m_pool.start(3));
     pthread_setattr_default_np(&usual);
 
-    EXPECT_EQ(1, log.count_containing("CThreadPool::Create thread:0 fail,error:"));
+    EXPECT_EQ(
+        1, log.count("ERROR", "CThreadPool::Create thread:0 fail,error:" + std::to_string(EAGAIN)));
     EXPECT_EQ(1U, m_pool.m_vecThreads.size());
     EXPECT_EQ(3, m_pool.m_nThreadCount);
     EXPECT_EQ(0, m_pool.stop());
@@ -221,13 +223,22 @@ TEST_F(ThreadPoolTest, DropsAMessageWhoseConnectionHasGone) {
     m_conn.iCurrsequence = 5;
     CMsgHeader* const msg = message(7);
     m_conn.iCurrsequence = 30;
-    LogCapture log;
 
     EXPECT_EQ(-1, m_pool.dealMessage(msg));
 
     EXPECT_TRUE(m_gate.arrived().empty());
-    EXPECT_EQ(1, log.count_containing("conn:0x1e currsequence:5!=msg currsequence:"));
-    EXPECT_EQ(1, log.count_containing(",ERROR,"));
+    delete msg;
+}
+
+TEST_F(ThreadPoolTest, KeepsTheSequencesOfAStaleMessageInTheFirstTwoPlaces) {
+    m_conn.iCurrsequence = 5;
+    CMsgHeader* const msg = message(7);
+    m_conn.iCurrsequence = 30;
+    LogCapture log;
+
+    m_pool.dealMessage(msg);
+
+    EXPECT_EQ(1, log.count("ERROR", "conn:0x1e currsequence:5!=msg currsequence:0"));
     delete msg;
 }
 
@@ -268,6 +279,21 @@ TEST_F(ThreadPoolTest, WarnsAgainAfter31Seconds) {
     m_pool.m_tLastBusyLog = time(nullptr) - 31;
     m_pool.notify();
     EXPECT_EQ(2, log.count("ERROR", "thread pool thread is all busy"));
+}
+
+TEST_F(ThreadPoolTest, DoesNotWarnAgainAfter30Seconds) {
+    m_pool.m_nThreadCount = 0;
+    long warnings = 0;
+    time_t now = 0;
+    do {  // once more when the second has changed meanwhile
+        LogCapture log;
+        now = time(nullptr);
+        m_pool.m_tLastBusyLog = now - 30;
+        m_pool.notify();
+        warnings = log.count("ERROR", "thread pool thread is all busy");
+    } while (time(nullptr) != now);
+
+    EXPECT_EQ(0, warnings);
 }
 
 TEST_F(ThreadPoolTest, DoesNotWarnWhileAWorkerIsFree) {
@@ -343,6 +369,20 @@ TEST_F(ThreadPoolTest, AMessageAfterTheStopIsKeptUnserved) {
 
     EXPECT_EQ(1U, m_pool.m_msgRecvQueue.size());
     EXPECT_TRUE(m_gate.arrived().empty());
+}
+
+TEST_F(ThreadPoolTest, IsNotRestartable) {
+    m_pool.stop();
+
+    EXPECT_EQ(0, m_pool.start(1));
+    m_pool.putq(message(1));
+
+    ASSERT_EQ(1U, m_pool.m_vecThreads.size());
+    pthread_join(m_pool.m_vecThreads[0]->m_thread, nullptr);  // ends without being told again
+    delete m_pool.m_vecThreads[0];
+    m_pool.m_vecThreads.clear();
+    EXPECT_TRUE(m_gate.arrived().empty());
+    EXPECT_EQ(1U, m_pool.m_msgRecvQueue.size());
 }
 
 TEST_F(ThreadPoolTest, ClearingDestroysTheQueuedMessages) {
