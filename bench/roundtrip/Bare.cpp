@@ -207,9 +207,6 @@ public:
     std::unique_ptr<Link> connect(Transport transport) override {
         return std::make_unique<BareLink>(connect_plain(transport, kBareEndpoint));
     }
-
-private:
-    pid_t m_server = 0;
 };
 
 }  // namespace

@@ -5,6 +5,8 @@
 #ifndef KYP_BENCH_ROUNDTRIP_CONTESTANT_H
 #define KYP_BENCH_ROUNDTRIP_CONTESTANT_H
 
+#include <sys/types.h>
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -29,6 +31,12 @@ public:
     // Starts the server process and returns when it takes connections.
     virtual void start() = 0;
     virtual std::unique_ptr<Link> connect(Transport transport) = 0;
+
+    // The server process.
+    pid_t server() const { return m_server; }
+
+protected:
+    pid_t m_server = 0;
 };
 
 // Plain sockets, one thread on each side: one send and one receive each way. The floor.

@@ -62,7 +62,6 @@ public:
 
 private:
     std::string m_program;
-    pid_t m_server = 0;
 };
 
 }  // namespace

@@ -54,9 +54,6 @@ public:
     std::unique_ptr<Link> connect(Transport transport) override {
         return std::make_unique<PingPongLink>(connect_plain(transport, kPingPongEndpoint));
     }
-
-private:
-    pid_t m_server = 0;
 };
 
 }  // namespace

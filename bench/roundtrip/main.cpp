@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <thread>
@@ -33,6 +34,7 @@ struct Options {
     std::string counting;  // the library to preload; empty: no counting
     std::string serve;     // body of a server process
     std::string only;      // a counting run over this transport
+    std::string profile;   // nothing but this contestant's exchanges
 };
 
 using Contestants = std::vector<std::unique_ptr<Contestant>>;
@@ -81,11 +83,29 @@ void time_exchanges(Link& link, std::vector<char> const& payload, int count, Sam
     }
 }
 
+// Times that any thread of `process` has left its processor, of its own will or not.
+long thread_switches(std::string const& process) {
+    long sum = 0;
+    for (auto const& task : std::filesystem::directory_iterator("/proc/" + process + "/task")) {
+        std::ifstream status(task.path() / "status");
+        for (std::string line; std::getline(status, line);) {
+            std::size_t const place = line.find("ctxt_switches:");
+            if (place != std::string::npos) sum += std::stol(line.substr(line.find(':') + 1));
+        }
+    }
+    return sum;
+}
+
+long thread_switches(Contestant const& contestant) {
+    return thread_switches("self") + thread_switches(std::to_string(contestant.server()));
+}
+
 void measure_round_trips(Contestants& all, Transport transport, int exchanges) {
     for (std::size_t size : {32u, 1024u, 8192u}) {
         std::vector<char> const payload(size, 'k');
         std::vector<std::unique_ptr<Link>> links;
         std::vector<Samples> samples(all.size());
+        std::vector<long> switches(all.size());
         for (auto& contestant : all) links.push_back(contestant->connect(transport));
         for (auto& link : links) {
             Samples warmUp;
@@ -93,16 +113,19 @@ void measure_round_trips(Contestants& all, Transport transport, int exchanges) {
         }
         for (int round = 0; round < kRounds; ++round) {
             for (std::size_t i = 0; i < all.size(); ++i) {
+                switches[i] -= thread_switches(*all[i]);
                 time_exchanges(*links[i], payload, exchanges / kRounds, samples[i]);
+                switches[i] += thread_switches(*all[i]);
             }
         }
         double const floor = samples[0].percentile_us(0.5);
         double const bare = samples[1].percentile_us(0.5);
         for (std::size_t i = 0; i < all.size(); ++i) {
             double const median = samples[i].percentile_us(0.5);
-            fprintf(g_out, "  %-7s %5zu B  %-10s %9.1f %9.1f %11.2f %9.2f\n", name_of(transport),
-                    size, all[i]->name(), median, samples[i].percentile_us(0.99), median / floor,
-                    median / bare);
+            fprintf(g_out, "  %-7s %5zu B  %-10s %9.1f %9.1f %9.2f %9.2f %9.1f\n",
+                    name_of(transport), size, all[i]->name(), median,
+                    samples[i].percentile_us(0.99), median / floor, median / bare,
+                    static_cast<double>(switches[i]) / (exchanges / kRounds * kRounds));
         }
     }
 }
@@ -154,17 +177,31 @@ void measure_throughput(Contestants& all, Transport transport, int exchanges) {
 void measure(Options const& options, int processors) {
     use_processors(processors);
     Contestants all = start_all(options);
-    fprintf(g_out,
-            "\nround trips, %d processor%s        median us    p99 us  / ping-pong    / bare\n",
-            processors, processors == 1 ? " " : "s");
+    fprintf(
+        g_out,
+        "\nround trips, %d processor%s        median us    p99 us  / floor    / bare   switches\n",
+        processors, processors == 1 ? " " : "s");
     for (Transport transport : {Transport::Tcp, Transport::Domain}) {
         measure_round_trips(all, transport, options.exchanges);
     }
-    fprintf(g_out, "\nconnections, %d processor%s    requests / s          / ping-pong    / bare\n",
+    fprintf(g_out, "\nconnections, %d processor%s    requests / s             / floor    / bare\n",
             processors, processors == 1 ? " " : "s");
     for (Transport transport : {Transport::Tcp, Transport::Domain}) {
         measure_throughput(all, transport, options.exchanges);
     }
+}
+
+// Something for a profiler to look at: 32 bytes by TCP on one processor, one contestant alone.
+int run_alone(Options const& options) {
+    use_processors(1);
+    auto const contestant = options.profile == "bare" ? make_bare() : make_library(options.server);
+    contestant->start();
+    auto const link = contestant->connect(Transport::Tcp);
+    std::vector<char> const payload(32, 'k');
+    Samples samples;
+    time_exchanges(*link, payload, options.exchanges, samples);
+    fprintf(g_out, "%s: median %.2f us\n", contestant->name(), samples.percentile_us(0.5));
+    return 0;
 }
 
 // The body of a counting run: this process has the counting library in front of the C library.
@@ -217,6 +254,8 @@ int main(int argc, char** argv) {
         ->capture_default_str();
     app.add_option("--server", options.server, "the kypserver program");
     app.add_option("--counting", options.counting, "the counting library; without it, no counts");
+    app.add_option("--profile", options.profile, "run one contestant alone, for a profiler")
+        ->check(CLI::IsMember({"bare", "libkyp"}));
     app.add_option("--serve", options.serve)->group("");
     app.add_option("--count-over", options.only)->group("");
     app.add_option("--out", out)->group("");
@@ -227,6 +266,7 @@ int main(int argc, char** argv) {
 
     g_out = fdopen(out >= 0 ? out : dup(STDOUT_FILENO), "w");
     if (freopen("/dev/null", "w", stdout) == nullptr) fail("/dev/null");
+    if (!options.profile.empty()) return run_alone(options);
     if (!options.only.empty()) {
         count_exchanges(options);
         return 0;
