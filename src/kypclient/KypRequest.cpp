@@ -1,6 +1,10 @@
 #include "kypclient/KypRequest.h"
 
+#include <pthread.h>
+
+#include <cerrno>
 #include <chrono>
+#include <ctime>
 #include <limits>
 
 #include "kypcomm/KypStatus.h"
@@ -8,10 +12,12 @@
 
 namespace {
 
+constexpr int64_t kNanosecondsPerSecond = 1000000000;
+
 // One request of the split way is alive per connection, and its successor for a moment beside it.
 FreeList s_requests(sizeof(KypRequest), 64);
 
-std::chrono::system_clock::time_point to_system_time(int64_t deadline) {
+timespec to_system_time(int64_t deadline) {
     using std::chrono::duration_cast;
     using std::chrono::nanoseconds;
 
@@ -25,7 +31,8 @@ std::chrono::system_clock::time_point to_system_time(int64_t deadline) {
     if (__builtin_add_overflow(deadline, systemNow - steadyNow, &time)) {
         time = deadline > 0 ? std::numeric_limits<int64_t>::max() : 0;
     }
-    return std::chrono::system_clock::time_point(nanoseconds(time < 0 ? 0 : time));
+    if (time < 0) time = 0;
+    return {static_cast<time_t>(time / kNanosecondsPerSecond), time % kNanosecondsPerSecond};
 }
 
 }  // namespace
@@ -55,8 +62,11 @@ int KypResponse::Wait() {
     KypRequest const* const owner = request;
     while (invokeId != 0 && owner != nullptr) {
         // Converted anew in each round: the system clock may have been set in the meantime.
-        const auto until = to_system_time(owner->deadline);
-        if (cond.wait_until(lock, until) == std::cv_status::timeout) break;
+        const timespec until = to_system_time(owner->deadline);
+        // By hand: std::condition_variable asks the clock once more behind each wait.
+        const int status =
+            pthread_cond_timedwait(cond.native_handle(), mutex.native_handle(), &until);
+        if (status == ETIMEDOUT) break;
     }
     if (invokeId.exchange(0) != 0) return KYP_ERR_RECV_TIMEOUT;
 
