@@ -140,6 +140,16 @@ void receive_frame(CTcpclient& client, std::unique_ptr<pbuf>& buf) {
     client.process_frame(raw, frameLen);
 }
 
+// One attempt to connect, with its events. The socket connects again after each Shutdown.
+bool attempt(CTcpclient& client, int timeoutMs) {
+    if (client.m_socket == nullptr) return false;
+
+    client.notify_connect_event(KYP_CONNECTION_PENDING);
+    const bool connected = client.m_socket->Connect(timeoutMs);
+    client.notify_connect_event(connected ? KYP_CONNECT_SUCCESS : KYP_ERR_CONNECT_TIMEOUT);
+    return connected;
+}
+
 }  // namespace
 
 CTcpclient::CTcpclient(_KypDeviceId id, std::string param, bool isDomain)
@@ -187,28 +197,14 @@ int CTcpclient::stop() {
 int CTcpclient::connect(int timeoutMs) {
     KYP_LOG(LOG_LEVEL_INFO, "tcpclient ready connect  HostName:%s,port:%d,timeoutms:%d,isDomain:%d",
             m_hostname.c_str(), m_port, timeoutMs, m_isDomain);
-    if (m_socket == nullptr) return 0;
-
-    notify_connect_event(KYP_CONNECTION_PENDING);
-    if (!m_socket->Connect(timeoutMs)) {
-        notify_connect_event(KYP_ERR_CONNECT_TIMEOUT);
-        return 0;
-    }
-    notify_connect_event(KYP_CONNECT_SUCCESS);
+    if (!attempt(*this, timeoutMs)) return 0;
     KYP_LOG(LOG_LEVEL_INFO, "Connect HostName:%s,port:%d Success,isDomain:%d", m_hostname.c_str(),
             m_port, m_isDomain);
     return 1;
 }
 
 int CTcpclient::reconnect(int timeoutMs) {
-    if (m_socket == nullptr) return 0;
-
-    notify_connect_event(KYP_CONNECTION_PENDING);
-    if (!m_socket->Connect(timeoutMs)) {
-        notify_connect_event(KYP_ERR_CONNECT_TIMEOUT);
-        return 0;
-    }
-    notify_connect_event(KYP_CONNECT_SUCCESS);
+    if (!attempt(*this, timeoutMs)) return 0;
     KYP_LOG(LOG_LEVEL_INFO, "Reconnect  HostName:%s,port:%d Success,isDomain:%d,timeout:%d ms",
             m_hostname.c_str(), m_port, m_isDomain, timeoutMs);
     return 1;

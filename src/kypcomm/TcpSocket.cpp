@@ -10,25 +10,12 @@
 #include <cerrno>
 #include <cstring>
 
+#include "kypcomm/KeepAlive.h"
 #include "utils/Log.h"
 
 namespace {
 
 constexpr auto kRelaxed = std::memory_order_relaxed;
-
-struct KeepAliveOption {
-    int level;
-    int option;
-    int value;
-    char const* name;
-};
-
-constexpr KeepAliveOption kKeepAliveOptions[] = {
-    {SOL_SOCKET, SO_KEEPALIVE, 1, "keep alive"},
-    {IPPROTO_TCP, TCP_KEEPIDLE, 120, "TCP_KEEPIDLE"},   // seconds of silence before the first probe
-    {IPPROTO_TCP, TCP_KEEPINTVL, 15, "TCP_KEEPINTVL"},  // seconds between probes
-    {IPPROTO_TCP, TCP_KEEPCNT, 3, "TCP_KEEPCNT"},       // probes without an answer
-};
 
 // The count that select gives for `fd` becoming writable. The whole wait stands in the
 // microseconds, as 32 bits hold it; Linux takes more than a second there, and refuses one whose
@@ -122,15 +109,7 @@ bool TcpSocket::setLinger(bool on, int seconds) {
 }
 
 bool TcpSocket::setKeepAlive() {
-    for (const KeepAliveOption& row : kKeepAliveOptions) {
-        if (setsockopt(m_fd.load(kRelaxed), row.level, row.option, &row.value, sizeof row.value) <
-            0) {
-            KYP_LOG(LOG_LEVEL_ERROR, "socket set sock %s error: errno=%d errstr=%s", row.name,
-                    errno, strerror(errno));
-            return false;
-        }
-    }
-    return true;
+    return set_keep_alive(m_fd.load(kRelaxed));
 }
 
 bool TcpSocket::setNoDealy() {

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "AcceptRoad.h"
+#include "kypcomm/KeepAlive.h"
 #include "kypcore/SocketConnection.h"
 #include "utils/Log.h"
 
@@ -19,9 +20,6 @@ std::atomic<bool> TcpServer::m_bAccept4{true};
 namespace {
 
 constexpr int kBacklog = 500;
-constexpr int kKeepIdleSec = 120;
-constexpr int kKeepIntervalSec = 15;
-constexpr int kKeepCount = 3;
 
 bool set_option(int fd, int level, int option, int value) {
     return setsockopt(fd, level, option, &value, sizeof value) == 0;
@@ -91,24 +89,5 @@ int TcpServer::set_sock_opt(int fd) {
 }
 
 int TcpServer::set_sock_keepalive(int fd) {
-    struct Step {
-        int level;
-        int option;
-        int value;
-        char const* name;
-    };
-    static constexpr Step kSteps[] = {
-        {SOL_SOCKET, SO_KEEPALIVE, 1, "keep alive"},
-        {IPPROTO_TCP, TCP_KEEPIDLE, kKeepIdleSec, "TCP_KEEPIDLE"},
-        {IPPROTO_TCP, TCP_KEEPINTVL, kKeepIntervalSec, "TCP_KEEPINTVL"},
-        {IPPROTO_TCP, TCP_KEEPCNT, kKeepCount, "TCP_KEEPCNT"},
-    };
-    for (Step const& step : kSteps) {
-        if (set_option(fd, step.level, step.option, step.value)) continue;
-        int const error = errno;
-        KYP_LOG(LOG_LEVEL_ERROR, "socket set sock %s error: errno=%d errstr=%s", step.name, error,
-                strerror(error));
-        return 0;
-    }
-    return 1;
+    return set_keep_alive(fd) ? 1 : 0;
 }
