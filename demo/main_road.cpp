@@ -198,6 +198,7 @@ Row measure(char const* transport, void* handle) {
     std::vector<char> const request = pattern(32);
     std::vector<char> answer(64);
     std::vector<double> times;
+    times.reserve(kExchanges);
     for (int i = 0; i < kExchanges; ++i) times.push_back(exchange(handle, request, answer));
     std::sort(times.begin(), times.end());
     return {transport, kExchanges, times[kExchanges / 2], times[kExchanges * 99 / 100]};

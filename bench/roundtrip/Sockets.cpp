@@ -113,6 +113,7 @@ pid_t spawn(std::vector<std::string> const& command) {
 
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
     for (std::string const& word : command) arguments.push_back(const_cast<char*>(word.c_str()));
     arguments.push_back(nullptr);
     execv(arguments[0], arguments.data());

@@ -118,6 +118,7 @@ void measure_round_trips(Contestants& all, Transport transport, int exchanges) {
                 switches[i] += thread_switches(*all[i]);
             }
         }
+        int const counted = exchanges / kRounds * kRounds;
         double const floor = samples[0].percentile_us(0.5);
         double const bare = samples[1].percentile_us(0.5);
         for (std::size_t i = 0; i < all.size(); ++i) {
@@ -125,7 +126,7 @@ void measure_round_trips(Contestants& all, Transport transport, int exchanges) {
             fprintf(g_out, "  %-7s %5zu B  %-10s %9.1f %9.1f %9.2f %9.2f %9.1f\n",
                     name_of(transport), size, all[i]->name(), median,
                     samples[i].percentile_us(0.99), median / floor, median / bare,
-                    static_cast<double>(switches[i]) / (exchanges / kRounds * kRounds));
+                    static_cast<double>(switches[i]) / counted);
         }
     }
 }
@@ -135,6 +136,7 @@ double throughput(std::vector<std::unique_ptr<Link>>& links, int exchanges) {
     std::vector<char> const payload(32, 'k');
     int const each = exchanges / static_cast<int>(links.size());
     std::vector<std::thread> threads;
+    threads.reserve(links.size());
     auto const begin = Clock::now();
     for (auto& link : links) {
         threads.emplace_back([&payload, each, &link] {
@@ -243,9 +245,7 @@ void start_counting(Options const& options) {
     }
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
     Options options;
     int out = -1;
     CLI::App app("Round trips of the library against a plain ping-pong and a bare program.");
@@ -276,4 +276,15 @@ int main(int argc, char** argv) {
     if (std::thread::hardware_concurrency() > 1) measure(options, 2);
     if (!options.counting.empty()) start_counting(options);
     return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return run(argc, argv);
+    } catch (std::exception const& error) {
+        fprintf(stderr, "bench: %s\n", error.what());
+        return 1;
+    }
 }
