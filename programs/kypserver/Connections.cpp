@@ -40,8 +40,12 @@ CConnections::~CConnections() {
     ISocketServer::set_conn_close(nullptr, nullptr);
 }
 
+void CConnections::on_begin(std::function<void(IConnection*)> listener) {
+    m_beginListeners.push_back(std::move(listener));
+}
+
 void CConnections::on_end(std::function<void(IConnection*)> listener) {
-    m_listeners.push_back(std::move(listener));
+    m_endListeners.push_back(std::move(listener));
 }
 
 bool CConnections::has_room() const {
@@ -66,8 +70,11 @@ size_t CConnections::count() const {
 
 void CConnections::begin(IConnection* conn) {
     std::string name = peer_name(conn);
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_open[conn] = std::move(name);
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_open[conn] = std::move(name);
+    }
+    for (auto const& listener : m_beginListeners) listener(conn);
 }
 
 void CConnections::end(IConnection* conn) {
@@ -75,7 +82,7 @@ void CConnections::end(IConnection* conn) {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_open.erase(conn);
     }
-    for (auto const& listener : m_listeners) listener(conn);
+    for (auto const& listener : m_endListeners) listener(conn);
 }
 
 }  // namespace kypserver

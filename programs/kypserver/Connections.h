@@ -25,6 +25,10 @@ public:
     CConnections(CConnections const&) = delete;
     CConnections& operator=(CConnections const&) = delete;
 
+    // Calls `listener` for each connection that begins, before its first read. To be set before the
+    // loops start.
+    void on_begin(std::function<void(IConnection*)> listener);
+
     // Calls `listener` for each connection that ends, on a loop thread, behind the moment from
     // which is_open() says no. To be set before the loops start.
     void on_end(std::function<void(IConnection*)> listener);
@@ -45,7 +49,8 @@ public:
 
 private:
     size_t const m_limit;
-    std::vector<std::function<void(IConnection*)>> m_listeners;
+    std::vector<std::function<void(IConnection*)>> m_beginListeners;
+    std::vector<std::function<void(IConnection*)>> m_endListeners;
     mutable std::mutex m_mutex;                            // guards m_open; innermost
     std::unordered_map<IConnection*, std::string> m_open;  // with the peer's name
 };

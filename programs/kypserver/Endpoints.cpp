@@ -87,8 +87,9 @@ bool register_endpoint(ISocketServer* server, int (ISocketServer::*handler)(CSoc
 
 }  // namespace
 
-CEndpoints::CEndpoints(Options const& options, CConnections const& connections, CSendLedger& ledger)
-    : m_options(options), m_connections(connections), m_ledger(ledger) {}
+CEndpoints::CEndpoints(Options const& options, CConnections const& connections, CSendLedger& ledger,
+                       CHeldBytes& held)
+    : m_options(options), m_connections(connections), m_ledger(ledger), m_held(held) {}
 
 CEndpoints::~CEndpoints() = default;
 
@@ -134,8 +135,8 @@ std::string CEndpoints::open_tcp() {
     std::string problem = probe(address, SOCK_STREAM, "--tcp-address");
     if (!problem.empty()) return problem;
 
-    m_tcp =
-        std::make_unique<CTcpEndpoint>(m_connections, m_ledger, address.host.c_str(), address.port);
+    m_tcp = std::make_unique<CTcpEndpoint>(m_connections, m_ledger, m_held, address.host.c_str(),
+                                           address.port);
     return is_listening(m_tcp->get_listen_sock()) ? "" : not_opened("TCP " + text_of(address));
 }
 
@@ -145,7 +146,7 @@ std::string CEndpoints::open_domain() {
     if (!problem.empty()) return problem;
 
     mode_t const usual = umask(kDomainUmask);
-    m_domain = std::make_unique<CDomainEndpoint>(m_connections, m_ledger, path.c_str());
+    m_domain = std::make_unique<CDomainEndpoint>(m_connections, m_ledger, m_held, path.c_str());
     umask(usual);
     return is_listening(m_domain->get_listen_sock()) ? "" : not_opened(path);
 }
@@ -155,7 +156,7 @@ std::string CEndpoints::open_udp() {
     std::string problem = probe(address, SOCK_DGRAM, "--udp-address");
     if (!problem.empty()) return problem;
 
-    m_udp = std::make_unique<CUdpEndpoint>(address.host.c_str(), address.port);
+    m_udp = std::make_unique<CUdpEndpoint>(m_held, address.host.c_str(), address.port);
     return bound_port(m_udp->get_listen_sock()) != 0 ? "" : not_opened("UDP " + text_of(address));
 }
 

@@ -18,7 +18,8 @@ namespace kypserver {
 
 class CEndpoints {
 public:
-    CEndpoints(Options const& options, CConnections const& connections, CSendLedger& ledger);
+    CEndpoints(Options const& options, CConnections const& connections, CSendLedger& ledger,
+               CHeldBytes& held);
     ~CEndpoints();
     CEndpoints(CEndpoints const&) = delete;
     CEndpoints& operator=(CEndpoints const&) = delete;
@@ -41,6 +42,7 @@ private:
     Options const& m_options;
     CConnections const& m_connections;
     CSendLedger& m_ledger;
+    CHeldBytes& m_held;
     CPathGuard m_pathGuard;  // lets go behind the end of m_domain
     std::unique_ptr<CTcpEndpoint> m_tcp;
     std::unique_ptr<CDomainEndpoint> m_domain;

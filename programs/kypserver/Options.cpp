@@ -86,6 +86,14 @@ void add_limits(CLI::App& app, Options& options) {
         ->type_name("N[kb|mb]")
         ->capture_default_str()
         ->group("Limits");
+    app.add_option("--max-held-bytes", options.maxHeldBytes,
+                   "requests of one client that may be under way and answers that it may leave "
+                   "unread; more ends its connection")
+        ->transform(CLI::AsSizeValue(false).description(""))
+        ->check(no_minus)
+        ->type_name("N[kb|mb]")
+        ->capture_default_str()
+        ->group("Limits");
     app.add_option("--max-topics", options.maxTopics, "subscriptions of one connection")
         ->check(CLI::Range(size_t{1}, size_t{1000000}).description(""))
         ->type_name("N")

@@ -33,6 +33,7 @@ struct Options {
 
     size_t maxClients = 1000;                          // open stream connections
     size_t maxWaitingBytes = size_t{4} * 1024 * 1024;  // towards one subscriber
+    size_t maxHeldBytes = size_t{64} * 1024 * 1024;    // requests of one client and answers to it
     size_t maxTopics = 4096;                           // subscribed by one connection
 
     bool allowSetId = false;  // a peer may change this device's id

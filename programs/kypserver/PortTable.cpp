@@ -1,42 +1,54 @@
 #include "kypserver/PortTable.h"
 
+#include <algorithm>
+
 #include "kypcomm/KypStatus.h"
 #include "kypcomm/pbuf/CMsgHeader.h"
 #include "kypcore/SocketConnection.h"
+#include "kypserver/HeldBytes.h"
 #include "utils/Log.h"
 
 namespace kypserver {
 
-namespace {
-
-void call_service(unsigned short port, char const* data, unsigned int size, _msg_request head,
-                  void* ctx) {
-    static_cast<IService*>(ctx)->serve({port, data, size, head});
-}
-
-// A cmp route, since it must tell requests from responses: an answer to a stray response could
-// travel to and fro between two servers for ever.
-void refuse(CMsgHeader* msg, _KypHeader& header, _AoEHeader& aoe, void* ctx) {
-    if (aoe.state != KYP_STATE_REQUEST || is_one_way(utils_ntohs(aoe.cmd))) return;
-
-    KYP_LOG(LOG_LEVEL_INFO, "nobody serves port:%d,client:%s", static_cast<int>(header.port),
-            msg->m_pConn->m_szPeerName);
-    static_cast<RouteManage*>(ctx)->ErrorResponse(header, aoe, KYP_ERR_ROUTE_NOT_REGISTERED,
-                                                  static_cast<IConnection*>(msg->m_pConn));
-}
-
-}  // namespace
-
-CPortTable::CPortTable(RouteManage& routes) : m_routes(routes) {}
+CPortTable::CPortTable(RouteManage& routes, CHeldBytes& held) : m_routes(routes), m_held(held) {}
 
 bool CPortTable::serve(IService& service) {
-    return m_routes.addSvrPortRoute(service.port(), call_service, &service) == 0;
+    m_entries.push_back({&service, &m_held});
+    if (m_routes.addSvrPortRoute(service.port(), call_service, &m_entries.back()) == 0) return true;
+    m_entries.pop_back();
+    return false;
 }
 
 void CPortTable::refuse_the_rest() {
     for (unsigned short port = kLowestPort; port <= kHighestPort; ++port) {
-        if (m_routes.m_ports[port].m_bUsed == 0) m_routes.addCmpPortRoute(port, refuse, &m_routes);
+        if (m_routes.m_ports[port].m_bUsed == 0) m_routes.addCmpPortRoute(port, refuse, this);
     }
+}
+
+void CPortTable::call_service(unsigned short port, char const* data, unsigned int size,
+                              _msg_request head, void* entry) {
+    Entry const& own = *static_cast<Entry const*>(entry);
+    own.service->serve({port, data, size, head, own.held});
+    own.held->served(head.conn, size);
+}
+
+// A cmp route, since it must tell requests from responses: an answer to a stray response could
+// travel to and fro between two servers for ever.
+void CPortTable::refuse(CMsgHeader* msg, _KypHeader& header, _AoEHeader& aoe, void* table) {
+    CPortTable& self = *static_cast<CPortTable*>(table);
+    if (aoe.state == KYP_STATE_REQUEST && !is_one_way(utils_ntohs(aoe.cmd))) {
+        self.answer_refusal(msg, header, aoe);
+    }
+    int const payload = msg->GetVaildSize() - static_cast<int>(sizeof(AoERequestHeader));
+    self.m_held.served(msg->m_pConn, static_cast<size_t>(std::max(payload, 0)));
+}
+
+void CPortTable::answer_refusal(CMsgHeader* msg, _KypHeader const& header, _AoEHeader const& aoe) {
+    KYP_LOG(LOG_LEVEL_INFO, "nobody serves port:%d,client:%s", static_cast<int>(header.port),
+            msg->m_pConn->m_szPeerName);
+    m_held.answering(msg->m_pConn, 0);
+    m_routes.ErrorResponse(header, aoe, KYP_ERR_ROUTE_NOT_REGISTERED,
+                           static_cast<IConnection*>(msg->m_pConn));
 }
 
 }  // namespace kypserver

@@ -3,17 +3,21 @@
 //
 // Owns:     nothing; the services are the program's.
 // Threads:  filled by the main thread before the workers start.
-// Lifetime: the routes stay in the library's table to the end of the process.
+// Lifetime: outlives the workers; the routes stay in the library's table to the end of the process.
 #ifndef KYP_PROGRAMS_KYPSERVER_PORTTABLE_H
 #define KYP_PROGRAMS_KYPSERVER_PORTTABLE_H
+
+#include <deque>
 
 #include "kypserver/Service.h"
 
 namespace kypserver {
 
+class CHeldBytes;
+
 class CPortTable {
 public:
-    explicit CPortTable(RouteManage& routes);
+    CPortTable(RouteManage& routes, CHeldBytes& held);
 
     // Gives the requests of the service's port to it. Returns false when the port is taken or is
     // not one.
@@ -23,7 +27,19 @@ public:
     void refuse_the_rest();
 
 private:
+    struct Entry {
+        IService* service;
+        CHeldBytes* held;
+    };
+
+    static void call_service(unsigned short port, char const* data, unsigned int size,
+                             _msg_request head, void* entry);
+    static void refuse(CMsgHeader* msg, _KypHeader& header, _AoEHeader& aoe, void* table);
+    void answer_refusal(CMsgHeader* msg, _KypHeader const& header, _AoEHeader const& aoe);
+
     RouteManage& m_routes;
+    CHeldBytes& m_held;
+    std::deque<Entry> m_entries;  // the contexts of the services' routes
 };
 
 }  // namespace kypserver

@@ -45,14 +45,14 @@ CSendLedger::Offer CSendLedger::offer(IConnection* conn, _KypHeader const& head,
     return QUEUED;
 }
 
-void CSendLedger::left(IConnection* conn, pbuf const* buf) {
-    if (m_frames.load(std::memory_order_relaxed) == 0) return;
+bool CSendLedger::left(IConnection* conn, pbuf const* buf) {
+    if (m_frames.load(std::memory_order_relaxed) == 0) return false;
 
     std::lock_guard<std::mutex> lock(m_mutex);
     auto const found = m_links.find(conn);
-    if (found == m_links.end()) return;
+    if (found == m_links.end()) return false;
     Link& link = found->second;
-    if (link.frames.empty() || link.frames.front().buf != buf) return;
+    if (link.frames.empty() || link.frames.front().buf != buf) return false;
 
     link.waiting -= link.frames.front().size;
     link.frames.pop_front();
@@ -62,6 +62,7 @@ void CSendLedger::left(IConnection* conn, pbuf const* buf) {
                 m_connections.name(conn).c_str(), static_cast<unsigned long>(link.dropped));
         link.dropped = 0;
     }
+    return true;
 }
 
 void CSendLedger::closed(IConnection* conn) {

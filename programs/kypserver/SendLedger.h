@@ -46,9 +46,9 @@ public:
     Offer offer(IConnection* conn, _KypHeader const& head, _AoEHeader const& aoe, char const* data,
                 size_t size);
 
-    // The frame in `buf` has left towards `conn` whole. Frames that were queued by others are
-    // passed over.
-    void left(IConnection* conn, pbuf const* buf);
+    // The frame in `buf` has left towards `conn` whole. Returns false when it was queued by
+    // somebody else.
+    bool left(IConnection* conn, pbuf const* buf);
 
     // Forgets what waits for `conn`, which is closing.
     void closed(IConnection* conn);

@@ -1,6 +1,7 @@
 #include "kypserver/Service.h"
 
 #include "kypcore/IConnection.h"
+#include "kypserver/HeldBytes.h"
 
 namespace kypserver {
 
@@ -20,6 +21,10 @@ void answer(Request const& request, unsigned int status, void const* data, int s
     aoe.invokeId = utils_htonl(request.head.invokeId);
     aoe.cmd = utils_htons(request.head.cmd);
     aoe.state = KYP_STATE_RESPONSE;
+    // Before it is queued, since it may have left when send_message() returns.
+    if (request.held != nullptr) {
+        request.held->answering(request.head.conn, static_cast<size_t>(size));
+    }
     request.head.conn->send_message(aoe, request.port, static_cast<char const*>(data), size,
                                     kAnswerTimeoutMs);
 }

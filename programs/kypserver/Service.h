@@ -7,12 +7,15 @@
 
 namespace kypserver {
 
+class CHeldBytes;
+
 // One request on a service's port. `data` is valid while the service is called.
 struct Request {
     unsigned short port;
     char const* data;
     unsigned int size;  // bytes of `data`
     _msg_request head;
+    CHeldBytes* held = nullptr;  // counts its answer, too; null where nobody counts
 };
 
 // Serves one logical port.

@@ -1,17 +1,17 @@
 // A listening stream endpoint of the library with what this server needs beyond it: a bound on the
-// number of peers, and word to the ledger when a frame has left.
+// number of peers and on what is held for each, and word of the frames that have left.
 //
-// Threads and lifetime: as ISocketServer; outlived by connections and ledger.
+// Threads and lifetime: as ISocketServer; outlived by connections, ledger and held bytes.
 #ifndef KYP_PROGRAMS_KYPSERVER_STREAMENDPOINT_H
 #define KYP_PROGRAMS_KYPSERVER_STREAMENDPOINT_H
 
-#include <utility>
+#include <string>
 
-#include "kypcomm/pbuf/CMsgHeader.h"
 #include "kypcore/SocketConnection.h"
 #include "kypcore/TcpDomainServer.h"
 #include "kypcore/TcpServer.h"
 #include "kypserver/Connections.h"
+#include "kypserver/HeldBytes.h"
 #include "kypserver/SendLedger.h"
 
 namespace kypserver {
@@ -19,13 +19,26 @@ namespace kypserver {
 // Takes the next peer in and shuts the door on it; one report for each.
 void turn_away(int listenSock);
 
+void report_overload(std::string const& client);
+
+// A complete head has come, and its frame is being received.
+bool has_head(CSocketConnection* conn);
+
+// Destroys what a connection that closes still holds, which the library does a minute later. On the
+// connection's loop thread.
+void drop_messages(CSocketConnection* conn);
+
+// Tells whoever counts that the message being sent has left whole.
+void count_as_left(CSocketConnection* conn, CSendLedger& ledger, CHeldBytes& held);
+
 template <typename Server>
 class CStreamEndpoint : public Server {
 public:
     // `address` is what Server takes.
     template <typename... Address>
-    CStreamEndpoint(CConnections const& connections, CSendLedger& ledger, Address... address)
-        : Server(address...), m_connections(connections), m_ledger(ledger) {}
+    CStreamEndpoint(CConnections const& connections, CSendLedger& ledger, CHeldBytes& held,
+                    Address... address)
+        : Server(address...), m_connections(connections), m_ledger(ledger), m_held(held) {}
 
     int sock_event_accept(CSocketConnection* listenConn) override {
         if (m_connections.has_room()) return Server::sock_event_accept(listenConn);
@@ -33,11 +46,25 @@ public:
         return -1;
     }
 
+    // Ends the connection of a client for whom too much is held, with one report.
+    int sock_read_request_handler(CSocketConnection* conn) override {
+        bool const hadHead = has_head(conn);
+        int const result = Server::sock_read_request_handler(conn);
+        if (hadHead || !has_head(conn) || m_held.take(conn, conn->m_recvHeader)) return result;
+
+        report_overload(m_connections.name(conn));
+        return this->sock_close_connection(conn);
+    }
+
+    int sock_close_connection(CSocketConnection* conn) override {
+        drop_messages(conn);
+        return Server::sock_close_connection(conn);
+    }
+
     int sendproc(CSocketConnection* conn, unsigned char* data, unsigned int size) override {
         int const sent = Server::sendproc(conn, data, size);
-        // The message is this thread's until the write handler has destroyed it.
         if (sent > 0 && static_cast<unsigned int>(sent) == size) {
-            m_ledger.left(conn, conn->m_pSendMsg->getpBuf());
+            count_as_left(conn, m_ledger, m_held);
         }
         return sent;
     }
@@ -45,6 +72,7 @@ public:
 private:
     CConnections const& m_connections;
     CSendLedger& m_ledger;
+    CHeldBytes& m_held;
 };
 
 using CTcpEndpoint = CStreamEndpoint<TcpServer>;

@@ -12,6 +12,7 @@
 #include "kypcore/EventLoop.h"
 #include "kypcore/SocketConnection.h"
 #include "kypcore/ThreadPool.h"
+#include "kypserver/HeldBytes.h"
 #include "kypserver/ServerLog.h"
 
 namespace kypserver {
@@ -40,8 +41,8 @@ bool is_request(unsigned char const* data, size_t size) {
 
 }  // namespace
 
-CUdpEndpoint::CUdpEndpoint(char const* ip, unsigned short port)
-    : UdpServer(ip, port), m_peers(kPeers), m_nextId(0) {}
+CUdpEndpoint::CUdpEndpoint(CHeldBytes& held, char const* ip, unsigned short port)
+    : UdpServer(ip, port), m_held(held), m_peers(kPeers), m_nextId(0) {}
 
 int CUdpEndpoint::sock_read_request_handler(CSocketConnection* conn) {
     make_answerable(conn);
@@ -56,6 +57,13 @@ int CUdpEndpoint::sock_read_request_handler(CSocketConnection* conn) {
     }
     if (!is_request(m_pRecvBuf->rawData(), static_cast<size_t>(received))) {
         report("a datagram of %zd bytes from %s is dropped: it is no whole request", received,
+               text_of(sender).c_str());
+        return -1;
+    }
+    _KypHeader head;
+    memcpy(&head, m_pRecvBuf->rawData(), sizeof head);
+    if (!m_held.take(conn, head)) {
+        report("a datagram from %s is dropped: as many wait as may (--max-held-bytes)",
                text_of(sender).c_str());
         return -1;
     }
@@ -74,8 +82,11 @@ int CUdpEndpoint::sock_write_request_handler(CSocketConnection* conn) {
     return conn->triggerSendNextMsg();
 }
 
-int CUdpEndpoint::sendproc(CSocketConnection* /*conn*/, unsigned char* data, unsigned int size) {
+int CUdpEndpoint::sendproc(CSocketConnection* conn, unsigned char* data, unsigned int size) {
     if (size < kHeads) return -1;
+    _KypHeader head;
+    memcpy(&head, data, sizeof head);
+    m_held.left(conn, head.port, size);  // it has one chance, whatever becomes of it
     uint32_t id;
     memcpy(&id, data + kInvokeId, sizeof id);
     id = utils_ntohl(id);

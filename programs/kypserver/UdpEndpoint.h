@@ -22,13 +22,16 @@
 
 namespace kypserver {
 
+class CHeldBytes;
+
 class CUdpEndpoint : public UdpServer {
 public:
     static constexpr size_t kPeers = 4096;
 
-    CUdpEndpoint(char const* ip, unsigned short port);
+    CUdpEndpoint(CHeldBytes& held, char const* ip, unsigned short port);
 
-    // Takes whole requests only; anything else is reported and dropped.
+    // Takes whole requests only, while there is room for them; anything else is reported and
+    // dropped.
     int sock_read_request_handler(CSocketConnection* conn) override;
     int sock_write_request_handler(CSocketConnection* conn) override;
     int sendproc(CSocketConnection* conn, unsigned char* data, unsigned int size) override;
@@ -45,6 +48,7 @@ private:
     uint32_t remember(sockaddr_in const& sender, uint32_t senderId);
     void put_to_workers(CSocketConnection* conn, sockaddr_in const& sender, size_t size);
 
+    CHeldBytes& m_held;
     std::vector<Peer> m_peers;  // by id modulo kPeers
     uint32_t m_nextId;
 };

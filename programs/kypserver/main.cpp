@@ -11,6 +11,7 @@
 #include "kypserver/Connections.h"
 #include "kypserver/EchoService.h"
 #include "kypserver/Endpoints.h"
+#include "kypserver/HeldBytes.h"
 #include "kypserver/IdentityService.h"
 #include "kypserver/Options.h"
 #include "kypserver/PortTable.h"
@@ -87,6 +88,8 @@ int main(int argc, char** argv) {
 
     CConnections connections(options.maxClients);
     CSendLedger ledger(connections, options.maxWaitingBytes);
+    CHeldBytes held(options.maxHeldBytes);
+    connections.on_begin([&](IConnection* conn) { held.begin(conn); });
     CEchoService echo;
     CIdentityService identity(options.allowSetId);
     CTopicBroker topics(connections, ledger, options.maxTopics);
@@ -95,14 +98,14 @@ int main(int argc, char** argv) {
         ledger.closed(conn);
     });
 
-    CPortTable ports(utility::instance<RouteManage>());
+    CPortTable ports(utility::instance<RouteManage>(), held);
     for (IService* service : {static_cast<IService*>(&echo), static_cast<IService*>(&identity),
                               static_cast<IService*>(&topics)}) {
         ports.serve(*service);
     }
     ports.refuse_the_rest();
 
-    CEndpoints endpoints(options, connections, ledger);
+    CEndpoints endpoints(options, connections, ledger, held);
     CServerCore core(options);
     core.prepare();
     SetLogLevel(log_threshold(options.verbose));

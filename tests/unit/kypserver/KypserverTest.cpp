@@ -142,6 +142,52 @@ TEST_F(KypserverTest, TurnsAwayWhoeverIsTooMany) {
     }));
 }
 
+// For each kind of answer that a client can leave unread.
+TEST_F(KypserverTest, EndsTheConnectionOfAClientThatDoesNotRead) {
+    start({"--max-held-bytes", "4mb"});
+    RawPeer bystander = RawPeer::connect_unix(kPath);
+    struct Row {
+        char const* what;
+        uint16_t port;
+        size_t size;
+    };
+    for (Row const& row : {Row{"large echoes", 100, 1 << 20}, Row{"small echoes", 100, 0},
+                           Row{"refusals", 600, 0}, Row{"ports out of range", 5000, 0}}) {
+        SCOPED_TRACE(row.what);
+        RawPeer peer = RawPeer::connect_tcp(9999);
+        peer.shrink_buffers();
+        Bytes frames = request_frame(row.port, 9, 3, 0, 0, pattern(row.size));
+        while (frames.size() < 1 << 16) frames = join({frames, frames});
+
+        for (size_t sent = 0; sent < size_t{64} << 20 && peer.send(frames);) sent += frames.size();
+
+        EXPECT_TRUE(peer.drain_until_closed());
+        EXPECT_TRUE(echoes(bystander));
+    }
+    EXPECT_TRUE(eventually([&] {
+        std::string const said = m_server->errors();
+        size_t count = 0;
+        for (size_t at = 0; (at = said.find("--max-held-bytes", at)) != std::string::npos; ++at) {
+            ++count;
+        }
+        return count == 4;
+    })) << m_server->errors();
+}
+
+TEST_F(KypserverTest, AClientThatReadsMaySendWithoutEnd) {
+    start({"--max-held-bytes", "64kb"});
+    RawPeer peer = RawPeer::connect_unix(kPath);
+
+    for (int i = 0; i < 300; ++i) {
+        ASSERT_TRUE(echoes(peer));
+        peer.send(request_frame(5000, 9, 3, 0, 0, text("AB")));
+        ASSERT_EQ(0x1014U, take_apart(peer.receive_frame()).error);
+        peer.send(request_frame(600, 9, 3, 0, 0, text("AB")));
+        ASSERT_EQ(0x1006U, take_apart(peer.receive_frame()).error);
+        peer.send(request_frame(600, 8, 3, 0, 0, text("AB")));  // not answered
+    }
+}
+
 TEST_F(KypserverTest, AnswersEveryDatagramToItsOwnSender) {
     start();
     std::vector<std::thread> askers;

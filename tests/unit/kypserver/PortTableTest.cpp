@@ -9,6 +9,7 @@
 #include "kypcomm/pbuf/CMsgHeader.h"
 #include "kypcomm/pbuf/pbufpool.h"
 #include "kypcore/SocketConnection.h"
+#include "kypserver/HeldBytes.h"
 #include "support/FrameBytes.h"
 #include "utils/Log.h"
 
@@ -61,7 +62,8 @@ protected:
 
     RecordingConn m_conn;
     std::unique_ptr<RouteManage> m_routes = std::make_unique<RouteManage>();
-    CPortTable m_table{*m_routes};
+    CHeldBytes m_held{1000000};
+    CPortTable m_table{*m_routes, m_held};
 };
 
 TEST_F(PortTableTest, GivesRequestsToTheServiceOfTheirPort) {
@@ -100,6 +102,34 @@ TEST_F(PortTableTest, RefusesRequestsForPortsThatNobodyServes) {
     EXPECT_EQ(0x1006U, take_apart(m_conn.m_sent[1]).error);
     EXPECT_EQ(0x1006U, take_apart(m_conn.m_sent[2]).error);
     EXPECT_EQ(0, service.m_served);
+}
+
+TEST_F(PortTableTest, ARequestThatIsServedIsNoLongerHeld) {
+    RecordingService service(600);
+    m_table.serve(service);
+    m_table.refuse_the_rest();
+    for (Bytes const& frame :
+         {request_frame(600, 9, 1, 0, 0, text("AB")), request_frame(601, 6, 1, 0, 0, text("AB")),
+          join({kyp_head(600, 3), Bytes(3)}), join({kyp_head(601, 15), Bytes(15)})}) {
+        SCOPED_TRACE(hex(frame));
+        _KypHeader head;
+        memcpy(&head, frame.data(), sizeof head);
+        ASSERT_TRUE(m_held.take(&m_conn, head));
+
+        receive(frame);
+
+        size_t const answers = m_conn.m_sent.size();
+        EXPECT_EQ(answers * (21 + CHeldBytes::kPerMessage), m_held.held(&m_conn));
+    }
+}
+
+TEST_F(PortTableTest, ARefusalIsHeldUntilItHasLeft) {
+    m_table.refuse_the_rest();
+    ASSERT_TRUE(m_held.take(&m_conn, {0, 1, 601, 23}));
+
+    receive(request_frame(601, 9, 7, 0, 0, text("AB")));
+
+    EXPECT_EQ(21 + CHeldBytes::kPerMessage, m_held.held(&m_conn));
 }
 
 TEST_F(PortTableTest, DoesNotAnswerWhereNobodyWaits) {

@@ -9,6 +9,7 @@
 #include "kypcomm/pbuf/CMsgHeader.h"
 #include "kypcore/SocketConnection.h"
 #include "kypcore/ThreadPool.h"
+#include "kypserver/HeldBytes.h"
 #include "support/FrameBytes.h"
 #include "support/RawPeer.h"
 #include "utils/Log.h"
@@ -54,7 +55,8 @@ protected:
         return testing::internal::GetCapturedStderr();
     }
 
-    CUdpEndpoint m_udp{"127.0.0.1", 0};
+    CHeldBytes m_held{10000000};
+    CUdpEndpoint m_udp{m_held, "127.0.0.1", 0};
     CSocketConnection m_conn;
     uint16_t m_port = 0;
     RawUdp m_first;
@@ -125,6 +127,27 @@ TEST_F(UdpEndpointTest, TakesTheLargestDatagram) {
     Bytes const sent = request_frame(100, 9, 0, 0, 0, pattern(65507 - 29));
 
     EXPECT_EQ(hex(sent), hex(receive(m_first, sent)));
+}
+
+TEST_F(UdpEndpointTest, DropsWhatIsMoreThanMayWait) {
+    Bytes const big = request_frame(100, 9, 5, 0, 0, pattern(60000));
+    ASSERT_TRUE(m_held.take(&m_conn, {0, 1, 100, 9990000}));
+
+    EXPECT_NE(std::string::npos, refusal(big).find("--max-held-bytes"));
+
+    m_held.served(&m_conn, 9990000 - 21);
+    EXPECT_FALSE(receive(m_first, big).empty());
+}
+
+TEST_F(UdpEndpointTest, AnAnswerIsNoLongerHeldOnceItWasTried) {
+    Bytes const frame = receive(m_first, request_frame(100, 9, 5, 0, 0));
+    m_held.answering(&m_conn, 2);
+    m_held.served(&m_conn, 0);
+    EXPECT_LT(0U, m_held.held(&m_conn));
+
+    send_answer(frame, "AB");
+
+    EXPECT_EQ(0U, m_held.held(&m_conn));
 }
 
 TEST_F(UdpEndpointTest, NothingToReadDoesNoHarm) {
