@@ -1,5 +1,6 @@
 #include "support/LogCapture.h"
 
+#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -16,8 +17,10 @@ LogCapture::LogCapture() {
 }
 
 LogCapture::~LogCapture() {
-    fflush(stdout);
+    std::string const all = text();
     dup2(m_saved, STDOUT_FILENO);
+    // What GoogleTest said of a failure was caught as well.
+    if (testing::Test::HasFailure()) fputs(all.c_str(), stdout);
     close(m_saved);
     close(m_file);
 }

@@ -1,7 +1,8 @@
 // Takes standard output away from the process for its lifetime and reads it back as text.
 //
 // Threads:  the log lines of every thread are caught; the object itself belongs to one thread.
-// Lifetime: one at a time. The destructor gives standard output back.
+// Lifetime: one at a time. The destructor gives standard output back, and what was caught too when
+//           the test has failed.
 #ifndef KYP_TESTS_SUPPORT_LOGCAPTURE_H
 #define KYP_TESTS_SUPPORT_LOGCAPTURE_H
 

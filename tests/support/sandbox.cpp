@@ -29,6 +29,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -64,10 +65,6 @@ struct Report {
     snprintf(message.step, sizeof message.step, "%s", step);
     (void)!write(report, &message, sizeof message);
     _exit(kRunnerFailed);
-}
-
-bool is_below(std::string const& path, std::string const& folder) {
-    return path.compare(0, folder.size() + 1, folder + "/") == 0 || path == folder;
 }
 
 std::string real_path(char const* path) {
@@ -141,9 +138,33 @@ void fresh_folder(int report, std::string const& parent, char const* parentMode,
     mount_tmpfs(report, folder, "0755");
 }
 
-// The folders that a command needs to see as they are: its own, its working folder, the runner's.
-std::vector<std::string> needed_paths(char const* command) {
-    return {find_command(command), real_path("."), real_path("/proc/self/exe")};
+// What a command needs to see as it is: itself, its working folder, the runner and the files that
+// its arguments name.
+std::vector<std::string> needed_paths(char** command) {
+    std::vector<std::string> paths = {find_command(command[0]), real_path("."),
+                                      real_path("/proc/self/exe")};
+    for (char** word = command + 1; *word != nullptr; ++word) {
+        if (**word == '/') paths.push_back(real_path(*word));
+    }
+    return paths;
+}
+
+// Covers /tmp and lets only those of its entries show through that hold something needed. A command
+// that works in /tmp itself finds it as it is.
+void fresh_tmp(int report, std::vector<std::string> const& needed) {
+    std::string const tmp = "/tmp/";
+    std::set<std::string> entries;
+    for (std::string const& path : needed) {
+        if (path + "/" == tmp) return;
+        if (path.compare(0, tmp.size(), tmp) != 0) continue;
+        entries.insert(path.substr(tmp.size(), path.find('/', tmp.size()) - tmp.size()));
+    }
+    int const below = open("/tmp", O_PATH | O_DIRECTORY | O_CLOEXEC);
+    mount_tmpfs(report, "/tmp", "1777");
+    for (std::string const& entry : entries) {
+        show_entry("/proc/self/fd/" + std::to_string(below) + "/" + entry, tmp + entry);
+    }
+    close(below);
 }
 
 void make_mounts(int report, int flags, std::vector<std::string> const& needed) {
@@ -152,10 +173,7 @@ void make_mounts(int report, int flags, std::vector<std::string> const& needed) 
     }
     fresh_folder(report, "/opt", "0755", "/opt/kyp");
     fresh_folder(report, "/var/tmp", "1777", "/var/tmp/kyp");
-
-    bool hidesWork = false;
-    for (std::string const& path : needed) hidesWork = hidesWork || is_below(path, "/tmp");
-    if (!hidesWork) mount_tmpfs(report, "/tmp", "1777");
+    fresh_tmp(report, needed);
 
     if ((flags & CLONE_NEWPID) != 0 &&
         mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) {
@@ -358,7 +376,7 @@ int main(int argc, char** argv) {
     signal(SIGCHLD, SIG_DFL);  // a caller may ignore it, and then no status would come
     sigset_t callersMask;
     sigprocmask(SIG_BLOCK, &signals, &callersMask);
-    std::vector<std::string> const needed = needed_paths(argv[1]);
+    std::vector<std::string> const needed = needed_paths(argv + 1);
     char const* const asked = getenv("KYP_SANDBOX_ROAD");
 
     std::string userReason = "not tried";

@@ -174,6 +174,16 @@ TEST(SandboxTest, ShowsTheCommandThatLiesBelowAFolderOfItsOwn) {
     EXPECT_EQ(0, ChildProcess({"kyp_sandbox", "/tmp/build/command"}).wait_exit());
 }
 
+TEST(SandboxTest, HidesWhatLiesBesideTheCommandsFolder) {
+    std::filesystem::create_directory("/tmp/build");
+    std::filesystem::copy("/bin/sh", "/tmp/build/sh");
+    std::filesystem::create_directory("/tmp/other");
+    std::string const look = "test -e /tmp/build/sh && test ! -e /tmp/other && touch /tmp/mine";
+
+    EXPECT_EQ(0, ChildProcess({"kyp_sandbox", "/tmp/build/sh", "-c", look}).wait_exit());
+    EXPECT_FALSE(std::filesystem::exists("/tmp/mine"));
+}
+
 TEST(SandboxTest, ReachesASecondHostAndBack) {
     SecondHost other;
     ASSERT_TRUE(other.ready());
