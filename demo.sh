@@ -5,9 +5,9 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 
-case "${1:-}" in
+case "$*" in
     "" | --verbose) ;;
-    *) sed -n '2,4s/^# \{0,1\}//p' "$0"; [ "$1" = --help ] && exit 0 || exit 2 ;;
+    *) sed -n '2,4s/^# \{0,1\}//p' "$0"; [ "$*" = --help ] && exit 0 || exit 2 ;;
 esac
 
 ./tools/install-needs.sh

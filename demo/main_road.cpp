@@ -292,6 +292,8 @@ int main(int argc, char** argv) {
     g_story = fdopen(dup(STDOUT_FILENO), "w");
     if (g_story == nullptr) return 1;
     setvbuf(g_story, nullptr, _IOLBF, 0);
+    // The log's lines stand between those of the story also when they go into a pipe or file.
+    setvbuf(stdout, nullptr, _IOLBF, 0);
     if (!verbose && freopen("/dev/null", "w", stdout) == nullptr) return 1;
     tell(argv[1]);
     return 0;
