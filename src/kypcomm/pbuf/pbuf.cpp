@@ -72,9 +72,9 @@ pbuf& pbuf::prepend(const void* src, unsigned int len) {
     unsigned char* const block = new unsigned char[static_cast<std::size_t>(capacity)];
     memcpy(block + headRoom + len, m_data, static_cast<std::size_t>(size()));
     memcpy(block + headRoom, src, len);
+    // Kept: the content moves, so what rawData() and data() gave before is dead. The block no
+    // longer has the capacity of a class, so the pool destroys the buffer on return.
     delete[] m_raw;
-    // m_raw follows the block, so that a buffer that has grown can be measured and destroyed like
-    // any other. It no longer has the capacity of a class, so its pool destroys it on return.
     m_pooled = false;
     m_raw = block;
     m_data = block + headRoom;

@@ -67,13 +67,16 @@ TEST(PbufTest, StaysUsableAfterGrowing) {
     EXPECT_EQ(hex(pattern(12)), content(buf));
 }
 
-TEST(PbufTest, LeavesThePoolOnceItHasGrown) {
+TEST(PbufTest, KeepsMovingToAnotherBlockAndOutOfThePoolWhenItGrows) {
     client_bufpool pool;
     pool.set_mem_limit(1 << 20);
     pbuf* const buf = pool.get_one_buf(128);
     ASSERT_TRUE(buf->m_pooled);
+    const unsigned char* const before = buf->rawData();
+
     buf->prepend(pattern(150).data(), 150);
 
+    EXPECT_NE(before, buf->rawData());
     EXPECT_EQ(0, pool.put_one_free(buf));
 
     EXPECT_EQ(nullptr, pool.m_freeLists[128]);
