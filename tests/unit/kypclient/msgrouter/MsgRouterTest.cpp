@@ -111,6 +111,7 @@ TEST_F(MsgRouterTest, VersionOneFrameOfExactlyItsHeadHasNoData) {
 TEST_F(MsgRouterTest, VersionOneFrameShorterThanItsHeadIsRefused) {
     ASSERT_EQ(0, add(600));
     LogCapture log;
+    tlsErrno = 5;
 
     EXPECT_EQ(0x100c, call(1, 600, Bytes(5)));
     EXPECT_EQ(0x100c, call(1, 600, Bytes(12)));
@@ -118,7 +119,7 @@ TEST_F(MsgRouterTest, VersionOneFrameShorterThanItsHeadIsRefused) {
     EXPECT_EQ(1, log.count("ERROR", "kyp version 1,dataLen 5 < 13"));
     EXPECT_EQ(1, log.count("ERROR", "kyp version 1,dataLen 12 < 13"));
     EXPECT_EQ(0u, m_calls.count());
-    EXPECT_EQ(0, tlsErrno);
+    EXPECT_EQ(5, tlsErrno);
 }
 
 TEST_F(MsgRouterTest, OtherVersionsAreDroppedInSilence) {
