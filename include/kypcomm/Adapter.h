@@ -1,6 +1,8 @@
 // The machine's usable IPv4 network interfaces and the serial number made from the first of them.
 //
-// Threads: any. The serial is determined once per process.
+// Owns:     nothing; records and lists are values.
+// Threads:  any. The serial is determined once per process.
+// Lifetime: the serial's is that of the process.
 #ifndef KYP_KYPCOMM_ADAPTER_H
 #define KYP_KYPCOMM_ADAPTER_H
 

@@ -2,6 +2,7 @@
 //
 // Owns:     the handle; the destructor closes the library, and what symbol() gave dies with it.
 // Threads:  one at a time.
+// Lifetime: any; closed, it can open a library again.
 #ifndef KYP_KYPCOMM_KYPDLL_H
 #define KYP_KYPCOMM_KYPDLL_H
 

@@ -1,5 +1,6 @@
 // Device ids from text, as text, and in order.
 //
+// Owns:    nothing; ids are values.
 // Threads: every function is re-entrant.
 #ifndef KYP_KYPCOMM_KYPDEVICEID_H
 #define KYP_KYPCOMM_KYPDEVICEID_H

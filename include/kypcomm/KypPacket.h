@@ -1,5 +1,6 @@
 // Builds whole packets into a Frame and takes their headers apart again.
 //
+// Owns:    nothing; the block of a built frame is the caller's.
 // Threads: any. None of these logs or sets tlsErrno.
 // Errors:  a builder throws std::bad_alloc and nothing else. A parser answers
 //          KYP_ERR_PACKET_TOO_SHORT.

@@ -4,6 +4,8 @@
  * Codes 1 to 10 are also what a connection callback receives; 0x1000 are faults of the protocol,
  * 0x2000 of the interface, 0x3000 of files, 0x4000 of components. A code travels on the wire in the
  * `error` word of a response.
+ *
+ * Threads  any; each thread has a last status of its own, which lives as long as the thread.
  */
 #ifndef KYP_KYPCOMM_KYPSTATUS_H
 #define KYP_KYPCOMM_KYPSTATUS_H

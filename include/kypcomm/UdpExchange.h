@@ -1,4 +1,7 @@
 // One request and its answer over UDP, without a connection.
+//
+// Owns:    nothing; the caller's blocks are read and written during the call only.
+// Threads: any, several at once. A call waits on the caller's thread.
 #ifndef KYP_KYPCOMM_UDPEXCHANGE_H
 #define KYP_KYPCOMM_UDPEXCHANGE_H
 

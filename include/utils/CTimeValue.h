@@ -1,6 +1,7 @@
 // A moment of the wall clock, readable in several units and as a text.
 //
-// Threads: none of its own; one owner at a time.
+// Threads:  none of its own; one owner at a time.
+// Lifetime: a value.
 #ifndef KYP_UTILS_CTIMEVALUE_H
 #define KYP_UTILS_CTIMEVALUE_H
 

@@ -1,7 +1,8 @@
 // A moment of the wall clock, for measuring what has passed since.
 //
 // A step of the system clock moves every time measured with it.
-// Threads: none of its own; one owner at a time.
+// Threads:  none of its own; one owner at a time.
+// Lifetime: a value.
 #ifndef KYP_UTILS_CTIMESTAMP_H
 #define KYP_UTILS_CTIMESTAMP_H
 

@@ -1,6 +1,7 @@
 // An MD5 digest, and the hash that fills it.
 //
-// Threads: none of its own; one owner at a time.
+// Threads:  none of its own; one owner at a time.
+// Lifetime: a value; a context lives from md5_starts to md5_finish.
 #ifndef KYP_UTILS_MD5_H
 #define KYP_UTILS_MD5_H
 

@@ -3,6 +3,7 @@
 //
 // Owns:     buffer_new() gives the block to its caller, buffer_free() takes it back.
 // Threads:  no lock; one at a time.
+// Lifetime: from buffer_new() to buffer_free().
 #ifndef KYP_UTILS_RINGBUFFER_H
 #define KYP_UTILS_RINGBUFFER_H
 

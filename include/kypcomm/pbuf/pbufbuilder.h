@@ -1,6 +1,7 @@
 // Puts payloads and headers in front of what a pbuf holds: the pooled counterparts of the builders
 // in KypPacket.h. The buffer has head room for all of them, so nothing is allocated.
 //
+// Owns:    nothing; the buffer stays its caller's, and payloads are copied.
 // Threads: the buffer's owner. Each returns 0.
 #ifndef KYP_KYPCOMM_PBUF_PBUFBUILDER_H
 #define KYP_KYPCOMM_PBUF_PBUFBUILDER_H
