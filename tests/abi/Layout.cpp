@@ -62,10 +62,13 @@
 #include "utils/CStringHelper.h"
 #include "utils/CTimeValue.h"
 #include "utils/CTimestamp.h"
+#include "utils/IniFile.h"
 #include "utils/MD5.h"
 #include "utils/RingBuffer.h"
 #include "utils/Singleton.h"
 #include "utils/comm.h"
+#include "utils/json/Json.h"
+#include "utils/json/Parser.h"
 #include "utils/xml/Document.h"
 #include "utils/xml/Element.h"
 
@@ -128,6 +131,24 @@ KYP_SIZE(CComm, 1);
 KYP_SIZE(CStringHelper, 1);
 KYP_SIZE(CFileHelper, 1);
 KYP_SIZE(CCodingConv, 1);
+
+static_assert(sizeof(libkyp::json::Json::Type) == 4, "Type has 32 bits");
+KYP_SIZE(libkyp::json::Json, 128);
+KYP_FIELD(libkyp::json::Json, m_type, 0, 4);
+KYP_FIELD(libkyp::json::Json, m_int, 4, 4);
+KYP_FIELD(libkyp::json::Json, m_double, 8, 8);
+KYP_FIELD(libkyp::json::Json, m_bool, 16, 1);
+KYP_FIELD(libkyp::json::Json, m_string, 24, 32);
+KYP_FIELD(libkyp::json::Json, m_array, 56, 24);
+KYP_FIELD(libkyp::json::Json, m_object, 80, 48);
+
+KYP_SIZE(libkyp::json::Parser, 40);
+KYP_FIELD(libkyp::json::Parser, m_str, 0, 32);
+KYP_FIELD(libkyp::json::Parser, m_idx, 32, 8);
+
+KYP_SIZE(utility::IniFile, 80);
+KYP_FIELD(utility::IniFile, fileName, 0, 32);
+KYP_FIELD(utility::IniFile, sections, 32, 48);
 
 // ---- kypcomm, records
 KYP_SIZE(_KypHeader, 8);
