@@ -36,6 +36,7 @@
 #include "kypcomm/Socket.h"
 #include "kypcomm/TcpSocket.h"
 #include "kypcomm/UdpSocket.h"
+#include "kypcomm/filesys/CFile.h"
 #include "kypcomm/pbuf/CMsgHeader.h"
 #include "kypcomm/pbuf/PeerBuffer.h"
 #include "kypcomm/pbuf/RecvBuf.h"
@@ -321,6 +322,14 @@ KYP_FIELD(CKypDeviceIdGenerator, m_deviceId, 48, 6);
 KYP_FIELD(CKypDeviceIdGenerator, m_adapters, 56, 56);
 
 KYP_SIZE(CKypLibInit, 1);
+
+KYP_SIZE(CFile, 312);
+KYP_FIELD(CFile, m_isOpen, 0, 1);
+KYP_FIELD(CFile, m_isEof, 1, 1);
+KYP_FIELD(CFile, m_stream, 8, 8);
+KYP_FIELD(CFile, m_fileSize, 16, 4);
+KYP_FIELD(CFile, m_fileName, 24, 32);
+KYP_FIELD(CFile, m_fullPath, 56, 256);
 
 // ---- kypclient
 KYP_SIZE(CMsgPort, 24);
