@@ -9,7 +9,8 @@
  *     libkyp_destory();
  *
  * Status   Every call sets the calling thread's status to 0 on entry, except libkyp_get_errno,
- *          libkyp_strerror, libkyp_createInstanceV2, and libkyp_init from its second call on.
+ *          libkyp_strerror, libkyp_createInstanceV2, KypSyncReadDeviceInfo, and libkyp_init and
+ *          KypInit from their second call on.
  *          Calls that return a status return 0 or the code; calls that count bytes return -1 and
  *          leave the code to libkyp_get_errno(). The codes are those of kypcomm/KypStatus.h.
  * Handles  A handle names one connection. It is looked up and never followed, so a stale or
@@ -311,6 +312,92 @@ KYP_API int libkyp_setRemoteKypDeviceId(char const* host, char const* deviceIdTe
  * thread   any
  */
 KYP_API int libkyp_getLocalKypDeviceId(_KypDeviceId* out);
+
+/* ---- simple requests ------------------------------------------------------------------------- */
+
+/*
+ * These calls name a device and need no handle. The first request to a device makes a TCP
+ * connection, which takes up to 1500 ms; it serves all later requests of the process and ends with
+ * libkyp_destory, behind which no further request is made.
+ *
+ *     _KypDeviceId id;
+ *     KypInit();
+ *     KypGetRemoteDeviceId("192.168.1.10", &id, 1000);
+ *     int status = KypSyncReadReq(id, 600, group, offset, sizeof answer, answer, &size, 1000);
+ */
+
+/*
+ * libkyp_init under another name.
+ */
+KYP_API int KypInit(void);
+
+/*
+ * libkyp_getLocalKypDeviceId under another name.
+ */
+KYP_API int KypGetLocalDeviceId(_KypDeviceId* out);
+
+/*
+ * libkyp_getRemoteKypDeviceId with its last two arguments in each other's place.
+ */
+KYP_API int KypGetRemoteDeviceId(char const* host, _KypDeviceId* out, int timeoutMs);
+
+/*
+ * libkyp_makeKypDeviceId under another name.
+ */
+KYP_API int KypMakeDeviceId(char const* text, _KypDeviceId* out);
+
+/*
+ * Sends a read request to a logical port of a device and waits for the answer.
+ * port         1 to 4096; a peer closes the link on any other
+ * indexGroup, indexOffset  what to read, as the device's service defines it
+ * readBuf      receives the answer's payload, its first `readLen` bytes if it is longer; null drops
+ *              it. An answer with an error has its payload, if any, copied too
+ * recvLen      receives the payload's full size, which may be more than `readLen`; 0 without an
+ *              answer; may be null
+ * timeoutMs    how long the call waits for the answer, from the moment before it connects and
+ *              sends; those have their own limits of 1500 and 3000 ms
+ * returns      0, or
+ *                KYP_ERR_RECV_TIMEOUT  no answer in time; a late one is dropped
+ *                -1                    not sent, with libkyp_get_errno() at
+ *                                        KYP_ERR_DISCONNECTED  the link is down; it is tried again
+ *                                                              every two seconds
+ *                                        0                     the request 500 before this one on
+ *                                                              the connection still waits, or the
+ *                                                              time was up with a part sent
+ *                                        any other             errno of the failed send
+ *                any other             the device's own code
+ * thread       any but a callback's; several at once, also for one device
+ */
+KYP_API int KypSyncReadReq(_KypDeviceId id, unsigned short port, unsigned int indexGroup,
+                           unsigned int indexOffset, unsigned int readLen, void* readBuf,
+                           unsigned int* recvLen, int timeoutMs);
+
+/*
+ * Sends a write request and waits for the answer, whose payload is dropped. Otherwise as
+ * KypSyncReadReq.
+ * writeBuf  `writeLen` bytes, only read, copied before the request is sent; may be null when
+ *           `writeLen` is 0
+ * returns   as KypSyncReadReq; KYP_ERR_INPUT_PARAM for `writeLen` without `writeBuf`
+ */
+KYP_API int KypSyncWriteReq(_KypDeviceId id, unsigned short port, unsigned int indexGroup,
+                            unsigned int indexOffset, unsigned int writeLen, void* writeBuf,
+                            int timeoutMs);
+
+/*
+ * Sends a request with data and waits for the answer with its own. `readLen`, `readBuf` and
+ * `recvLen` as for KypSyncReadReq, `writeLen` and `writeBuf` as for KypSyncWriteReq. The two
+ * buffers may be the same.
+ */
+KYP_API int KypSyncReadWriteReq(_KypDeviceId id, unsigned short port, unsigned int indexGroup,
+                                unsigned int indexOffset, unsigned int readLen, void* readBuf,
+                                unsigned int writeLen, void* writeBuf, unsigned int* recvLen,
+                                int timeoutMs);
+
+/*
+ * Does nothing.
+ * returns  0
+ */
+KYP_API int KypSyncReadDeviceInfo(void);
 
 #ifdef __cplusplus
 }

@@ -19,6 +19,7 @@
 
 #include "kypclient/KypCreateFactory.h"
 #include "kypclient/KypPeerConn.h"
+#include "kypclient/KypReqManager.h"
 #include "kypclient/KypRequest.h"
 #include "kypclient/KypTcpclient.h"
 #include "kypclient/msgrouter/MsgRouter.h"
@@ -395,6 +396,10 @@ KYP_SIZE(CPeerConnMgr, 136);
 KYP_FIELD(CPeerConnMgr, m_mutex, 0, 40);
 KYP_FIELD(CPeerConnMgr, m_connections, 40, 48);
 KYP_FIELD(CPeerConnMgr, m_byDeviceId, 88, 48);
+
+KYP_SIZE(CKypReqManager, 88);
+KYP_FIELD(CKypReqManager, m_mutex, 0, 40);
+KYP_FIELD(CKypReqManager, m_connections, 40, 48);
 
 KYP_SIZE(CRouterTable, 88);
 KYP_FIELD(CRouterTable, m_mutex, 0, 40);

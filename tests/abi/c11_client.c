@@ -103,10 +103,30 @@ static void check_messages(void) {
     CHECK(libkyp_destory() == 0);
 }
 
+/* Nobody listens: requests are not sent, and say so. */
+static void check_simple_requests(void) {
+    _KypDeviceId id;
+    char answer[8];
+    unsigned int size = 99;
+    CHECK(KypInit() == 0);
+    CHECK(KypGetLocalDeviceId(&id) == 0);
+    CHECK(KypGetRemoteDeviceId("127.0.0.1", NULL, 1) == KYP_ERR_INPUT_PARAM);
+    CHECK(KypMakeDeviceId("127.0.0.1.1.1", &id) == 0);
+    CHECK(KypSyncReadReq(id, 600, 1, 2, sizeof answer, answer, &size, 1) == -1);
+    CHECK(libkyp_get_errno() == KYP_ERR_DISCONNECTED);
+    CHECK(size == 0);
+    CHECK(KypSyncWriteReq(id, 600, 1, 2, 2, (void*)"AB", 1) == -1);
+    CHECK(KypSyncReadWriteReq(id, 600, 1, 2, sizeof answer, answer, 2, (void*)"AB", &size, 1) ==
+          -1);
+    CHECK(KypSyncReadDeviceInfo() == 0);
+    CHECK(libkyp_destory() == 0);
+}
+
 int main(void) {
     check_start_and_status();
     check_identity();
     check_connections();
     check_messages();
+    check_simple_requests();
     return g_failures == 0 ? 0 : 1;
 }
