@@ -154,8 +154,9 @@ TEST_F(KypserverTest, EndsTheConnectionOfAClientThatDoesNotRead) {
     for (Row const& row : {Row{"large echoes", 100, 1 << 20}, Row{"small echoes", 100, 0},
                            Row{"refusals", 600, 0}, Row{"ports out of range", 5000, 0}}) {
         SCOPED_TRACE(row.what);
-        RawPeer peer = RawPeer::connect_tcp(9999);
-        peer.shrink_buffers();
+        // Not over TCP with small buffers: there the sending of a client that does not read can
+        // come to rest on a busy machine before the bound is reached.
+        RawPeer peer = RawPeer::connect_unix(kPath);
         Bytes frames = request_frame(row.port, 9, 3, 0, 0, pattern(row.size));
         while (frames.size() < 1 << 16) frames = join({frames, frames});
 
