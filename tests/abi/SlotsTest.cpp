@@ -2,6 +2,8 @@
 // from the tables of the built library. A program that derives from a class, or calls through one,
 // was compiled against these numbers.
 #include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <link.h>
 
 namespace {

@@ -1,5 +1,8 @@
 #include "kypclient/KypCreateFactory.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <functional>
 #include <mutex>

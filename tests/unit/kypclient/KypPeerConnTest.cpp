@@ -1,5 +1,7 @@
 #include "kypclient/KypPeerConn.h"
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>

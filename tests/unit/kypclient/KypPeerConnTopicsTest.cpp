@@ -1,3 +1,5 @@
+#include <gtest/gtest.h>
+
 #include <stdexcept>
 #include <thread>
 

@@ -1,5 +1,8 @@
 #include "kypclient/KypReqManager.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <thread>
 
 #include "kypclient/KypCreateFactory.h"

@@ -1,5 +1,7 @@
 #include "kypclient/KypRequest.h"
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <limits>
 #include <memory>

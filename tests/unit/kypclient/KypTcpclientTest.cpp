@@ -1,5 +1,7 @@
 #include "kypclient/KypTcpclient.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,5 +1,7 @@
 #include "kypcomm/Adapter.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <unistd.h>

@@ -1,6 +1,7 @@
 #include "kypcomm/DomainTcpSocket.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,5 +1,6 @@
 #include "kypcomm/KypDeviceIdGenerator.h"
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

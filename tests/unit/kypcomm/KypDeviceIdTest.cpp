@@ -1,5 +1,7 @@
 #include "kypcomm/KypDeviceId.h"
 
+#include <gtest/gtest.h>
+
 #include <sstream>
 
 #include "support/FrameBytes.h"

@@ -1,5 +1,6 @@
 #include "kypcomm/KypLibInit.h"
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <fstream>

@@ -5,6 +5,8 @@
 #ifndef KYP_TESTS_UNIT_KYPCOMM_NETINTERFACE_H
 #define KYP_TESTS_UNIT_KYPCOMM_NETINTERFACE_H
 
+#include <gtest/gtest.h>
+
 #include <cstdlib>
 #include <string>
 

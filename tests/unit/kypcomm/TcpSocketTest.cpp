@@ -1,6 +1,7 @@
 #include "kypcomm/TcpSocket.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>

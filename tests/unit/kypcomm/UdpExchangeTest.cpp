@@ -2,6 +2,8 @@
 
 #include <arpa/inet.h>
 #include <dirent.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cerrno>

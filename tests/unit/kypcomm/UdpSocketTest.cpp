@@ -1,6 +1,7 @@
 #include "kypcomm/UdpSocket.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cerrno>

@@ -3,6 +3,7 @@
 #ifndef KYP_TESTS_UNIT_KYPCORE_COREFIXTURE_H
 #define KYP_TESTS_UNIT_KYPCORE_COREFIXTURE_H
 
+#include <gtest/gtest.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 

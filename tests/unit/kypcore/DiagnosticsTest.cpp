@@ -1,5 +1,7 @@
 #include "kypcore/Diagnostics.h"
 
+#include <gtest/gtest.h>
+
 namespace {
 
 TEST(DiagnosticsTest, BeginsWithNothing) {

@@ -1,5 +1,7 @@
 #include "kypcore/EventLoop.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/resource.h>
 #include <unistd.h>

@@ -1,5 +1,7 @@
 #include "kypcore/IConnection.h"
 
+#include <gtest/gtest.h>
+
 namespace {
 
 class FakeConnection : public IConnection {

@@ -1,6 +1,8 @@
 #include "kypcore/ISocketServer.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <unistd.h>

@@ -4,6 +4,7 @@
 #define KYP_TESTS_UNIT_KYPCORE_SERVERFIXTURE_H
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 

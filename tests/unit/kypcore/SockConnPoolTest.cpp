@@ -1,6 +1,7 @@
 #include "kypcore/SockConnPool.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
 

@@ -1,5 +1,6 @@
 #include "kypcore/SocketConnection.h"
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <thread>

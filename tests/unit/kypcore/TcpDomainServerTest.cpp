@@ -1,5 +1,6 @@
 #include "kypcore/TcpDomainServer.h"
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>

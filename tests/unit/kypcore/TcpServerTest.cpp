@@ -1,5 +1,6 @@
 #include "kypcore/TcpServer.h"
 
+#include <gtest/gtest.h>
 #include <netinet/tcp.h>
 #include <unistd.h>
 

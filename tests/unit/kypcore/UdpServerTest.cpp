@@ -1,5 +1,7 @@
 #include "kypcore/UdpServer.h"
 
+#include <gtest/gtest.h>
+
 #include <cerrno>
 
 #include "CoreFixture.h"

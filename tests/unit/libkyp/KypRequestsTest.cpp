@@ -1,5 +1,8 @@
 // The simple requests of the C interface, against a device that speaks raw bytes and against the
 // server core.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <functional>
 #include <mutex>

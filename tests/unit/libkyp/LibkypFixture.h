@@ -2,6 +2,8 @@
 #ifndef KYP_TESTS_UNIT_LIBKYP_LIBKYPFIXTURE_H
 #define KYP_TESTS_UNIT_LIBKYP_LIBKYPFIXTURE_H
 
+#include <gtest/gtest.h>
+
 #include "kypclient/KypCreateFactory.h"
 #include "kypclient/KypTcpclient.h"
 #include "libkyp/libkyp.h"

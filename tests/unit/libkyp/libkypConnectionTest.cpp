@@ -1,4 +1,7 @@
 // The C interface's connections: made, controlled, released.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <mutex>
 

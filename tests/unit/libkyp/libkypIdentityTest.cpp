@@ -1,4 +1,7 @@
 // The C interface's device ids: made of text, asked for, assigned.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <fstream>
 #include <thread>
 

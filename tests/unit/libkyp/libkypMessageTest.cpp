@@ -1,4 +1,7 @@
 // The C interface's messages: requests and answers, routes, topics.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <mutex>
 #include <stdexcept>

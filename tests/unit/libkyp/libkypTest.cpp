@@ -1,5 +1,7 @@
 #include "libkyp/libkyp.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <fstream>

@@ -1,5 +1,6 @@
 #include "utils/CFileHelper.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,5 +1,6 @@
 #include "utils/IniFile.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 

@@ -1,5 +1,6 @@
 #include "utils/Singleton.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 

@@ -1,5 +1,7 @@
 #include "kypclient/msgrouter/MsgRouter.h"
 
+#include <gtest/gtest.h>
+
 #include "../FakePeerConnection.h"
 #include "kypcomm/KypStatus.h"
 #include "support/FrameBytes.h"

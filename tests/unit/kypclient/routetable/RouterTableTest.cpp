@@ -1,5 +1,8 @@
 #include "kypclient/routetable/RouterTable.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <thread>
 
 #include "support/LogCapture.h"

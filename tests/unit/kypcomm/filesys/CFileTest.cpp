@@ -1,5 +1,7 @@
 #include "kypcomm/filesys/CFile.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>

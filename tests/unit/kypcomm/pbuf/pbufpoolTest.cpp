@@ -1,5 +1,6 @@
 #include "kypcomm/pbuf/pbufpool.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstring>

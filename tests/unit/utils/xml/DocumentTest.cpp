@@ -1,5 +1,6 @@
 #include "utils/xml/Document.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/time.h>
 #include <unistd.h>
