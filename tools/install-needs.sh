@@ -2,7 +2,7 @@
 # Makes sure that this machine has what a build needs; names it, and installs it where it may.
 set -euo pipefail
 
-needs=(g++ cmake ninja-build libgtest-dev libgmock-dev libcli11-dev pkgconf iproute2)
+needs=(g++ cmake ninja-build libgtest-dev libgmock-dev libcli11-dev nlohmann-json3-dev pkgconf iproute2)
 missing=()
 for package in "${needs[@]}"; do
     dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing+=("$package")

@@ -10,14 +10,6 @@ namespace kypserver {
 
 namespace {
 
-// The status of a request that should stand at this address with this much data.
-unsigned int check(Request const& request, uint32_t group, uint32_t offset, size_t size) {
-    if (request.head.indexGroup != group) return KYP_ERR_INDEX_GROUP;
-    if (request.head.indexOffset != offset) return KYP_ERR_INDEX_OFFSET;
-    if (request.size != size) return KYP_ERR_PACKET_LENGTH;
-    return KYP_OK;
-}
-
 bool same_id(_KypDeviceId const& a, _KypDeviceId const& b) {
     return memcmp(&a, &b, sizeof a) == 0;
 }
@@ -42,7 +34,7 @@ void CIdentityService::serve(Request const& request) {
 }
 
 void CIdentityService::tell(Request const& request) {
-    unsigned int const status = check(request, kReadIdGroup, kReadIdOffset, 0);
+    unsigned int const status = address_fault(request, kReadIdGroup, kReadIdOffset, 0);
     if (status != KYP_OK) return answer(request, status);
 
     _KypDeviceId const id = generator().GetLocalDeviceId();
@@ -50,7 +42,7 @@ void CIdentityService::tell(Request const& request) {
 }
 
 void CIdentityService::assign(Request const& request) {
-    unsigned int status = check(request, kSetIdGroup, kSetIdOffset, sizeof(_KypDeviceId));
+    unsigned int status = address_fault(request, kSetIdGroup, kSetIdOffset, sizeof(_KypDeviceId));
     if (status == KYP_OK && !m_allowSetId) {
         report("a new device id is refused; --allow-set-id would take it");
         status = KYP_ERR_UNSUPPORTED_CALL;

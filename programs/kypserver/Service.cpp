@@ -1,5 +1,6 @@
 #include "kypserver/Service.h"
 
+#include "kypcomm/KypStatus.h"
 #include "kypcore/IConnection.h"
 #include "kypserver/HeldBytes.h"
 
@@ -13,6 +14,13 @@ constexpr int kAnswerTimeoutMs = 1000;
 
 bool is_one_way(unsigned int cmd) {
     return cmd == KYP_CMD_SUBSCRIBE || cmd == KYP_CMD_UNSUBSCRIBE || cmd == KYP_CMD_PUBLISH;
+}
+
+unsigned int address_fault(Request const& request, uint32_t group, uint32_t offset, size_t size) {
+    if (request.head.indexGroup != group) return KYP_ERR_INDEX_GROUP;
+    if (request.head.indexOffset != offset) return KYP_ERR_INDEX_OFFSET;
+    if (request.size != size) return KYP_ERR_PACKET_LENGTH;
+    return KYP_OK;
 }
 
 void answer(Request const& request, unsigned int status, void const* data, int size) {

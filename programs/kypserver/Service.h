@@ -2,6 +2,9 @@
 #ifndef KYP_PROGRAMS_KYPSERVER_SERVICE_H
 #define KYP_PROGRAMS_KYPSERVER_SERVICE_H
 
+#include <cstddef>
+#include <cstdint>
+
 #include "kypcomm/KypWire.h"
 #include "kypcore/router/RouteManage.h"
 
@@ -34,6 +37,10 @@ public:
 
 // True for the commands that nobody awaits an answer to.
 bool is_one_way(unsigned int cmd);
+
+// The status of a request that should stand at this address with this much data: KYP_OK, or what is
+// wrong with it.
+unsigned int address_fault(Request const& request, uint32_t group, uint32_t offset, size_t size);
 
 // Answers with `status` and `size` bytes of `data`.
 void answer(Request const& request, unsigned int status, void const* data = nullptr, int size = 0);
