@@ -17,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "compmodule/comp_virtual_conn.h"
 #include "kypclient/KypCreateFactory.h"
 #include "kypclient/KypPeerConn.h"
 #include "kypclient/KypReqManager.h"
@@ -505,6 +506,14 @@ KYP_FIELD(_msg_request, indexGroup, 7, 4);
 KYP_FIELD(_msg_request, indexOffset, 11, 4);
 KYP_FIELD(_msg_request, error, 15, 4);
 KYP_FIELD(_msg_request, conn, 19, 8);
+
+// ---- compmodule
+KYP_SIZE(VirtualConn, 56);
+KYP_FIELD(VirtualConn, connIndex, 32, 2);
+KYP_FIELD(VirtualConn, clientFd, 36, 4);
+KYP_FIELD(VirtualConn, generation, 40, 4);
+KYP_FIELD(VirtualConn, reserved, 44, 4);
+KYP_FIELD(VirtualConn, channel, 48, 8);
 
 // ---- numbers that travel inside the records
 static_assert(MSG_MODE_RECV == 0 && MSG_MODE_SEND == 1, "EnMsgMode");
