@@ -17,6 +17,8 @@
 #include <utility>
 #include <vector>
 
+#include "compmodule/CmpSysParamConf.h"
+#include "compmodule/comp_init_sys.h"
 #include "compmodule/comp_virtual_conn.h"
 #include "kypclient/KypCreateFactory.h"
 #include "kypclient/KypPeerConn.h"
@@ -29,10 +31,12 @@
 #include "kypcomm/CScanAdapter.h"
 #include "kypcomm/DomainTcpSocket.h"
 #include "kypcomm/Frame.h"
+#include "kypcomm/KypCmpTypes.h"
 #include "kypcomm/KypConnInfo.h"
 #include "kypcomm/KypDLL.h"
 #include "kypcomm/KypDeviceIdGenerator.h"
 #include "kypcomm/KypLibInit.h"
+#include "kypcomm/KypMsgRequest.h"
 #include "kypcomm/KypTypes.h"
 #include "kypcomm/KypWire.h"
 #include "kypcomm/Socket.h"
@@ -206,6 +210,27 @@ KYP_FIELD(KypIvshmConnInfo, groupIndex, 0, 4);
 KYP_FIELD(KypIvshmConnInfo, maxBytes, 4, 4);
 KYP_FIELD(KypIvshmConnInfo, event, 8, 8);
 KYP_FIELD(KypIvshmConnInfo, ctx, 16, 8);
+
+KYP_SIZE(_msg_request, 27);
+KYP_FIELD(_msg_request, version, 0, 1);
+KYP_FIELD(_msg_request, cmd, 1, 2);
+KYP_FIELD(_msg_request, invokeId, 3, 4);
+KYP_FIELD(_msg_request, indexGroup, 7, 4);
+KYP_FIELD(_msg_request, indexOffset, 11, 4);
+KYP_FIELD(_msg_request, error, 15, 4);
+KYP_FIELD(_msg_request, conn, 19, 8);
+
+KYP_SIZE(tagCmpDrvInfo, 40);
+KYP_FIELD(tagCmpDrvInfo, drvParam0, 0, 4);
+KYP_FIELD(tagCmpDrvInfo, drvParam1, 4, 4);
+KYP_FIELD(tagCmpDrvInfo, name, 8, 32);
+
+KYP_SIZE(CmpConnConfig, 36);
+KYP_FIELD(CmpConnConfig, mode, 0, 4);
+KYP_FIELD(CmpConnConfig, owner, 4, 8);
+KYP_FIELD(CmpConnConfig, onConnect, 12, 8);
+KYP_FIELD(CmpConnConfig, onDisconnect, 20, 8);
+KYP_FIELD(CmpConnConfig, userData, 28, 8);
 
 // ---- kypcomm, buffers and bodies
 KYP_SIZE(Frame, 32);
@@ -498,16 +523,21 @@ KYP_SIZE(RouteManage, 98368);
 KYP_FIELD(RouteManage, m_mutex, 0, 40);
 KYP_FIELD(RouteManage, m_ports, 40, 98328);
 
-KYP_SIZE(_msg_request, 27);
-KYP_FIELD(_msg_request, version, 0, 1);
-KYP_FIELD(_msg_request, cmd, 1, 2);
-KYP_FIELD(_msg_request, invokeId, 3, 4);
-KYP_FIELD(_msg_request, indexGroup, 7, 4);
-KYP_FIELD(_msg_request, indexOffset, 11, 4);
-KYP_FIELD(_msg_request, error, 15, 4);
-KYP_FIELD(_msg_request, conn, 19, 8);
-
 // ---- compmodule
+KYP_SIZE(_CmpSysParamConf, 56);
+KYP_FIELD(_CmpSysParamConf, ivshm_enable, 0, 1);
+KYP_FIELD(_CmpSysParamConf, ivshm_maxsize, 4, 4);
+KYP_FIELD(_CmpSysParamConf, ivshm_group, 8, 4);
+KYP_FIELD(_CmpSysParamConf, loglevel, 12, 4);
+KYP_FIELD(_CmpSysParamConf, sched_priority, 16, 4);
+KYP_FIELD(_CmpSysParamConf, cmpName, 24, 32);
+
+KYP_SIZE(libkyp::compmodule::CCmpSysInit, 32);
+KYP_FIELD(libkyp::compmodule::CCmpSysInit, initOnce, 0, 4);
+KYP_FIELD(libkyp::compmodule::CCmpSysInit, eventLoopOnce, 4, 4);
+KYP_FIELD(libkyp::compmodule::CCmpSysInit, refCount, 8, 4);
+KYP_FIELD(libkyp::compmodule::CCmpSysInit, iniFile, 16, 16);
+
 KYP_SIZE(VirtualConn, 56);
 KYP_FIELD(VirtualConn, connIndex, 32, 2);
 KYP_FIELD(VirtualConn, clientFd, 36, 4);

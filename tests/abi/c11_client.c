@@ -1,12 +1,13 @@
 /*
- * A client in plain C11 on the public header alone: every record has its size, every entry links
- * and answers. Prints nothing unless something is wrong.
+ * A client and component in plain C11 on the public headers alone: every record has its size, every
+ * entry links and answers. Prints nothing unless something is wrong.
  */
 #include <stddef.h>
 #include <stdio.h>
 #include <string.h>
 
 #include "libkyp/libkyp.h"
+#include "libkyp/libkypCmp.h"
 
 static int g_failures = 0;
 
@@ -27,6 +28,17 @@ static_assert(offsetof(KypTcpConnInfo, ctx) == 14, "without a gap");
 static_assert(sizeof(KypDomainConnInfo) == 16, "two pointers");
 static_assert(sizeof(KypIvshmConnInfo) == 24, "natural layout");
 static_assert(offsetof(KypIvshmConnInfo, event) == 8, "natural layout");
+
+static_assert(sizeof(tagCmpDrvInfo) == 40, "two words and a name");
+static_assert(offsetof(tagCmpDrvInfo, name) == 8, "without a gap");
+static_assert(sizeof(CmpConnConfig) == 36, "byte-packed");
+static_assert(offsetof(CmpConnConfig, owner) == 4, "without a gap");
+static_assert(offsetof(CmpConnConfig, onConnect) == 12, "without a gap");
+static_assert(offsetof(CmpConnConfig, onDisconnect) == 20, "without a gap");
+static_assert(offsetof(CmpConnConfig, userData) == 28, "without a gap");
+static_assert(sizeof(_msg_request) == 27, "byte-packed");
+static_assert(offsetof(_msg_request, invokeId) == 3, "without a gap");
+static_assert(offsetof(_msg_request, conn) == 19, "without a gap");
 
 static void on_event(_KypDeviceId* deviceId, void* ctx, int event) {
     (void)deviceId;

@@ -15,29 +15,13 @@
 #include <cstdint>
 #include <mutex>
 
+#include "kypcomm/KypMsgRequest.h"
 #include "kypcomm/KypWire.h"
 #include "utils/Export.h"
 #include "utils/Singleton.h"
 
 class CMsgHeader;
-class IConnection;
 class RecvBuf;
-
-// One request as a route sees it. Host order, passed by value.
-struct __attribute__((packed)) _msg_request {
-    uint8_t version;       // of the frame's _KypHeader
-    uint16_t cmd;          // a KypCommand
-    uint32_t invokeId;     // goes back in the answer
-    uint32_t indexGroup;   // 0 when the frame had no room for it
-    uint32_t indexOffset;  // the same
-    uint32_t error;        // 0 in a request
-    IConnection* conn;     // where to answer; not owned
-};
-static_assert(sizeof(_msg_request) == 27, "the layout is the binary interface");
-
-// A svr route. `data` holds the `size` bytes behind the heads and is valid during the call only.
-using KypSvrRoute = void (*)(unsigned short port, char const* data, unsigned int size,
-                             _msg_request request, void* ctx);
 
 // A cmp route. `msg` stands behind the _AoEHeader; what follows is the callback's to read. The
 // heads are as they came, `aoe` in network order.
