@@ -29,6 +29,7 @@
 #include <assert.h>
 
 #include "kypcomm/KypConnInfo.h"
+#include "kypcomm/KypFileProgress.h"
 #include "kypcomm/KypStatus.h"
 #include "kypcomm/KypTypes.h"
 #include "utils/Export.h"
@@ -398,6 +399,40 @@ KYP_API int KypSyncReadWriteReq(_KypDeviceId id, unsigned short port, unsigned i
  * returns  0
  */
 KYP_API int KypSyncReadDeviceInfo(void);
+
+/* ---- file transfer --------------------------------------------------------------------------- */
+
+/*
+ * Sends a file to a device, in the background and behind all transfers that are under way: one
+ * worker of the process sends them one at a time, 8192 bytes an exchange. The first transfer to a
+ * device makes a TCP connection, which takes up to 1500 ms of this call; it serves all later
+ * transfers to that device and ends with libkyp_destory, behind which no transfer to that device
+ * succeeds.
+ *
+ *     static int on_progress(_KypDeviceId id, int transferId, float progress, int error, int state,
+ *                            void* user) {
+ *         return error == KYP_OK ? 0 : -1;
+ *     }
+ *     KypFileTransfer(addr, 0, 0, "/tmp/image.bin", "image.bin", on_progress, NULL);
+ *
+ * addr         the device, and the logical port on which it takes files
+ * indexGroup, indexOffset  not used
+ * localPath    the file, up to 255 bytes of path; read while it is sent, not now. Its size counts
+ * in 32 bits: files of 4 GiB and more are announced with a wrong one remotePath   where the device
+ * is to put it, up to 255 bytes, as that device understands it. Both texts are copied; null stands
+ * for an empty one callback     told of every step, also by this very call, before it returns; may
+ * be null. Its result of -1 to any report ends the transfer. It must answer so to a first report
+ *              with KYP_ERR_OPEN_FILE: such a transfer never ends by itself, keeps the worker busy
+ *              and all others waiting. A device's refusal does not end a transfer either, and a
+ *              file that cannot be read to its end is sent as far as it goes
+ * user         handed to `callback`; stays valid for as long as reports come
+ * returns      the number of the transfer, 0 for the first one of the process; failures are told to
+ *              `callback` alone
+ * thread       any, also from `callback`; not from a callback of a connection
+ */
+KYP_API unsigned int KypFileTransfer(_KypDeviceAddr addr, unsigned int indexGroup,
+                                     unsigned int indexOffset, char const* localPath,
+                                     char const* remotePath, KypFileCallback callback, void* user);
 
 #ifdef __cplusplus
 }

@@ -20,6 +20,8 @@
 #include "compmodule/CmpSysParamConf.h"
 #include "compmodule/comp_init_sys.h"
 #include "compmodule/comp_virtual_conn.h"
+#include "kypclient/CFileThread.h"
+#include "kypclient/CFileTransfer.h"
 #include "kypclient/KypCreateFactory.h"
 #include "kypclient/KypPeerConn.h"
 #include "kypclient/KypReqManager.h"
@@ -50,6 +52,7 @@
 #include "kypcomm/pbuf/pbuf.h"
 #include "kypcomm/pbuf/pbufpool.h"
 #include "kypcomm/protocol/CompRegisterPackage.h"
+#include "kypcomm/protocol/FilePacket.h"
 #include "kypcomm/protocol/IProtocol.h"
 #include "kypcomm/protocol/Message.h"
 #include "kypcomm/protocol/TopicProtocol.h"
@@ -298,6 +301,24 @@ KYP_FIELD(CompRegisterPackage, drvParam1, 24, 4);
 KYP_FIELD(CompRegisterPackage, routePort, 28, 4);
 KYP_FIELD(CompRegisterPackage, name, 32, 32);
 
+KYP_SIZE(KypFileInfoHead, 15);
+KYP_FIELD(KypFileInfoHead, type, 0, 1);
+KYP_FIELD(KypFileInfoHead, nameLen, 1, 1);
+KYP_FIELD(KypFileInfoHead, pathLen, 2, 1);
+KYP_FIELD(KypFileInfoHead, fileSize, 3, 4);
+KYP_FIELD(KypFileInfoHead, chunkSize, 7, 4);
+KYP_FIELD(KypFileInfoHead, chunkNum, 11, 4);
+
+KYP_SIZE(KypFileChunkHead, 9);
+KYP_FIELD(KypFileChunkHead, type, 0, 1);
+KYP_FIELD(KypFileChunkHead, seq, 1, 4);
+KYP_FIELD(KypFileChunkHead, ssrc, 5, 4);
+
+KYP_SIZE(KypFileAnswer, 9);
+KYP_FIELD(KypFileAnswer, type, 0, 1);
+KYP_FIELD(KypFileAnswer, number, 1, 4);
+KYP_FIELD(KypFileAnswer, status, 5, 4);
+
 KYP_SIZE(TopicProtocol, 128);
 KYP_FIELD(TopicProtocol, typeLen, 0, 8);
 KYP_FIELD(TopicProtocol, topicLen, 8, 8);
@@ -426,6 +447,30 @@ KYP_FIELD(CPeerConnMgr, m_byDeviceId, 88, 48);
 KYP_SIZE(CKypReqManager, 88);
 KYP_FIELD(CKypReqManager, m_mutex, 0, 40);
 KYP_FIELD(CKypReqManager, m_connections, 40, 48);
+
+KYP_SIZE(CFileTransfer, 328);
+KYP_FIELD(CFileTransfer, m_sendInfo, 0, 1);
+KYP_FIELD(CFileTransfer, m_abort, 1, 1);
+KYP_FIELD(CFileTransfer, m_state, 2, 1);
+KYP_FIELD(CFileTransfer, m_transferId, 4, 4);
+KYP_FIELD(CFileTransfer, m_chunkSeq, 8, 4);
+KYP_FIELD(CFileTransfer, m_chunkNum, 12, 4);
+KYP_FIELD(CFileTransfer, m_ssrc, 16, 4);
+KYP_FIELD(CFileTransfer, m_error, 20, 4);
+KYP_FIELD(CFileTransfer, m_userData, 24, 8);
+KYP_FIELD(CFileTransfer, m_deviceAddr, 32, 8);
+KYP_FIELD(CFileTransfer, m_handler, 40, 8);
+KYP_FIELD(CFileTransfer, m_callback, 48, 8);
+KYP_FIELD(CFileTransfer, m_file, 56, 16);
+KYP_FIELD(CFileTransfer, m_remotePath, 72, 256);
+
+KYP_SIZE(CFileThread, 176);
+KYP_FIELD(CFileThread, m_stop, 0, 1);
+KYP_FIELD(CFileThread, m_mutex, 8, 40);
+KYP_FIELD(CFileThread, m_thread, 48, 8);
+KYP_FIELD(CFileThread, m_cond, 56, 48);
+KYP_FIELD(CFileThread, m_transfers, 104, 24);
+KYP_FIELD(CFileThread, m_handlers, 128, 48);
 
 KYP_SIZE(CRouterTable, 88);
 KYP_FIELD(CRouterTable, m_mutex, 0, 40);

@@ -134,11 +134,28 @@ static void check_simple_requests(void) {
     CHECK(libkyp_destory() == 0);
 }
 
+static int on_progress(_KypDeviceId id, int transferId, float progress, int error, int state,
+                       void* user) {
+    (void)id, (void)transferId;
+    CHECK(progress == 0 && error == KYP_ERR_OPEN_FILE && state == KYP_FILE_WAITING);
+    ++*(int*)user;
+    return -1;
+}
+
+/* A file that is not there: the first report ends the transfer. */
+static void check_file_transfer(void) {
+    _KypDeviceAddr address = {{{127, 0, 0, 1, 1, 1}}, 105};
+    int reports = 0;
+    CHECK(KypFileTransfer(address, 0, 0, "/none", "none", on_progress, &reports) == 0);
+    CHECK(reports == 1);
+}
+
 int main(void) {
     check_start_and_status();
     check_identity();
     check_connections();
     check_messages();
     check_simple_requests();
+    check_file_transfer();
     return g_failures == 0 ? 0 : 1;
 }
