@@ -1,7 +1,5 @@
 #include "kypclient/KypTcpclient.h"
 
-#include <sys/socket.h>
-
 #include <chrono>
 #include <cstring>
 
@@ -9,6 +7,7 @@
 #include "kypcomm/KypStatus.h"
 #include "kypcomm/KypWire.h"
 #include "kypcomm/Socket.h"
+#include "kypcomm/StreamLink.h"
 #include "kypcomm/TcpSocket.h"
 #include "kypcomm/pbuf/pbufpool.h"
 #include "utils/CStringHelper.h"
@@ -41,17 +40,6 @@ bool is_key(std::string const& key, char const* name) {
     return CStringHelper::StriCmp(key.c_str(), name) == 0;
 }
 
-// Closes the link when no writer is on it: a descriptor that is closed under a writer may be a
-// stranger's by its next send. A writer that waits for room is woken first.
-void close_link(Socket& socket, std::mutex& sendMutex) {
-    std::unique_lock<std::mutex> lock(sendMutex, std::try_to_lock);
-    if (!lock.owns_lock()) {
-        ::shutdown(socket.m_fd, SHUT_RDWR);
-        lock.lock();
-    }
-    socket.Shutdown();
-}
-
 template <typename Write>
 int send_in_turn(CTcpclient& client, Write write) {
     if (client.isconnected()) {
@@ -74,21 +62,6 @@ bool breaks_link(int status) {
 bool holds_bytes(_KypHeader const& header) {
     const _KypHeader empty{};
     return std::memcmp(&header, &empty, sizeof(header)) != 0;
-}
-
-bool is_header_valid(_KypHeader const& header) {
-    if (header.port < kLowestPort || header.port > kHighestPort) {
-        KYP_LOG(LOG_LEVEL_ERROR, "recv port:%d invaild,msgLen:%d", header.port,
-                static_cast<int>(header.nMsgLen));
-        tlsErrno = KYP_ERR_PORT_RESERVED;
-        return false;
-    }
-    if (header.nMsgLen > kMaxMsgLen) {
-        KYP_LOG(LOG_LEVEL_ERROR, "kypheader msglen:%d too long", static_cast<int>(header.nMsgLen));
-        tlsErrno = KYP_ERR_PACKET_TOO_LONG;
-        return false;
-    }
-    return true;
 }
 
 bool read_header(Socket& socket, _KypHeader& header) {
