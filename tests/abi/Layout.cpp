@@ -18,8 +18,10 @@
 #include <vector>
 
 #include "compmodule/CmpSysParamConf.h"
+#include "compmodule/business_data_layer.h"
 #include "compmodule/comp_init_sys.h"
 #include "compmodule/comp_virtual_conn.h"
+#include "compmodule/net_channel.h"
 #include "kypclient/CFileThread.h"
 #include "kypclient/CFileTransfer.h"
 #include "kypclient/KypCreateFactory.h"
@@ -576,6 +578,27 @@ KYP_FIELD(_CmpSysParamConf, ivshm_group, 8, 4);
 KYP_FIELD(_CmpSysParamConf, loglevel, 12, 4);
 KYP_FIELD(_CmpSysParamConf, sched_priority, 16, 4);
 KYP_FIELD(_CmpSysParamConf, cmpName, 24, 32);
+
+KYP_SIZE(CNetChannel, 104);
+KYP_FIELD(CNetChannel, connected, 0, 1);
+KYP_FIELD(CNetChannel, writeMutex, 8, 40);
+KYP_FIELD(CNetChannel, thread, 48, 8);
+KYP_FIELD(CNetChannel, name, 56, 32);
+KYP_FIELD(CNetChannel, socket, 88, 16);
+
+KYP_SIZE(BusinessDataLayer, 80);
+KYP_FIELD(BusinessDataLayer, stopFlag, 0, 1);
+KYP_FIELD(BusinessDataLayer, registered, 1, 1);
+KYP_FIELD(BusinessDataLayer, lastInvokeId, 4, 4);
+KYP_FIELD(BusinessDataLayer, invokeId, 8, 4);
+KYP_FIELD(BusinessDataLayer, netThread, 16, 8);
+KYP_FIELD(BusinessDataLayer, channel, 24, 8);
+KYP_FIELD(BusinessDataLayer, drvInfo, 32, 8);
+KYP_FIELD(BusinessDataLayer, connectArg, 40, 8);
+KYP_FIELD(BusinessDataLayer, messageArg, 48, 8);
+KYP_FIELD(BusinessDataLayer, connectCallback, 56, 8);
+KYP_FIELD(BusinessDataLayer, messageCallback, 64, 8);
+KYP_FIELD(BusinessDataLayer, reconnectTimer, 72, 8);
 
 KYP_SIZE(libkyp::compmodule::CCmpSysInit, 32);
 KYP_FIELD(libkyp::compmodule::CCmpSysInit, initOnce, 0, 4);
