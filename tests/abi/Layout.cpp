@@ -20,6 +20,8 @@
 #include "compmodule/CmpSysParamConf.h"
 #include "compmodule/business_data_layer.h"
 #include "compmodule/comp_init_sys.h"
+#include "compmodule/comp_module.h"
+#include "compmodule/comp_module_mgr.h"
 #include "compmodule/comp_virtual_conn.h"
 #include "compmodule/net_channel.h"
 #include "kypclient/CFileThread.h"
@@ -612,6 +614,25 @@ KYP_FIELD(VirtualConn, clientFd, 36, 4);
 KYP_FIELD(VirtualConn, generation, 40, 4);
 KYP_FIELD(VirtualConn, reserved, 44, 4);
 KYP_FIELD(VirtualConn, channel, 48, 8);
+
+KYP_SIZE(libkyp::compmodule::CompModule, 28272);
+KYP_FIELD(libkyp::compmodule::CompModule, state, 0, 4);
+KYP_FIELD(libkyp::compmodule::CompModule, drvInfo, 4, 40);
+KYP_FIELD(libkyp::compmodule::CompModule, connConfig, 48, 8);
+KYP_FIELD(libkyp::compmodule::CompModule, conf, 56, 56);
+KYP_FIELD(libkyp::compmodule::CompModule, netChannel, 112, 8);
+KYP_FIELD(libkyp::compmodule::CompModule, ivshmGroup, 120, 8);
+KYP_FIELD(libkyp::compmodule::CompModule, dataLayer, 128, 8);
+KYP_FIELD(libkyp::compmodule::CompModule, registerArg, 136, 8);
+KYP_FIELD(libkyp::compmodule::CompModule, registerCallback, 144, 8);
+KYP_FIELD(libkyp::compmodule::CompModule, routePorts, 152, 24);
+KYP_FIELD(libkyp::compmodule::CompModule, connMap, 176, 48);
+KYP_FIELD(libkyp::compmodule::CompModule, connTable, 224, 28000);
+KYP_FIELD(libkyp::compmodule::CompModule, subscribeMap, 28224, 48);
+
+KYP_SIZE(libkyp::compmodule::CompModuleMgr, 88);
+KYP_FIELD(libkyp::compmodule::CompModuleMgr, m_mutex, 0, 40);
+KYP_FIELD(libkyp::compmodule::CompModuleMgr, m_modules, 40, 48);
 
 // ---- numbers that travel inside the records
 static_assert(MSG_MODE_RECV == 0 && MSG_MODE_SEND == 1, "EnMsgMode");
