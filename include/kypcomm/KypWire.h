@@ -57,6 +57,23 @@ struct __attribute__((packed)) _KypPayload {
 };
 static_assert(sizeof(_KypPayload) == 22, "the layout is the binary interface");
 
+// At the head of every scan datagram; in a reply the JSON text follows it, without a NUL. Network
+// order.
+struct __attribute__((packed)) _KypScanCommand {
+    uint8_t command;  // a KypScanCommandCode
+    uint32_t status;  // 0 in a request; a reply with another value is ignored
+    uint32_t time;    // seconds since the epoch; nobody looks at it in a reply
+};
+static_assert(sizeof(_KypScanCommand) == 9, "the layout is the wire format");
+
+// _KypScanCommand.command.
+enum KypScanCommandCode : uint8_t {
+    KYP_SCAN_MULTICAST_REQUEST = 0,
+    KYP_SCAN_MULTICAST_REPLY = 1,
+    KYP_SCAN_BROADCAST_REQUEST = 2,
+    KYP_SCAN_BROADCAST_REPLY = 3,
+};
+
 // _AoEHeader.cmd. No answer is awaited for 6, 7 and 8.
 enum KypCommand : uint16_t {
     KYP_CMD_READ_DEVICE_ID = 1,
@@ -98,6 +115,10 @@ constexpr uint32_t kSetIdOffset = 0x1002;
 
 constexpr uint16_t kTcpPort = 9999;
 constexpr uint16_t kUdpPort = 38898;
+constexpr uint16_t kScanPort = 38897;           // of kScanGroup; requests are sent from it too
+constexpr uint16_t kScanBroadcastPort = 38896;  // of 255.255.255.255
+constexpr char const* kScanGroup = "239.255.0.3";
+constexpr int kMaxScanDatagram = 2048;  // what a reply is read into, head included
 constexpr char const* kDomainPath = "/var/tmp/kyp/kypserver";
 
 // Swap bytes unconditionally: right on the little-endian hosts that the library serves.

@@ -19,9 +19,9 @@
  * Threads  Every call from any thread, several at once for different handles. For one handle the
  *          pair libkyp_sync_send and libkyp_sync_recv belongs to one thread at a time. A callback
  *          runs on its connection's receive thread and calls neither libkyp_releaseInstance nor
- *          libkyp_destory: they wait for that very thread.
- * C++      Exceptions pass as they stand: std::bad_alloc, std::system_error when a lock or a
- *          thread cannot be had, and what a single call names.
+ *          libkyp_destory: they wait for that very thread. The scan callback runs on the scan
+ * thread and may call anything. C++      Exceptions pass as they stand: std::bad_alloc,
+ * std::system_error when a lock or a thread cannot be had, and what a single call names.
  */
 #ifndef KYP_LIBKYP_LIBKYP_H
 #define KYP_LIBKYP_LIBKYP_H
@@ -30,6 +30,7 @@
 
 #include "kypcomm/KypConnInfo.h"
 #include "kypcomm/KypFileProgress.h"
+#include "kypcomm/KypScanInfo.h"
 #include "kypcomm/KypStatus.h"
 #include "kypcomm/KypTypes.h"
 #include "utils/Export.h"
@@ -68,20 +69,20 @@ KYP_API char const* libkyp_strerror(int code);
 
 /*
  * Starts the library, before anything else but the calls above. The first call of the process logs
- * the version, sets the log threshold to LOG_LEVEL_DEBUG (1), fills the buffer pool and determines
- * this device's id; later calls do nothing, also after libkyp_destory.
- * returns  0
- * thread   any; who comes second waits for the first
+ * the version, sets the log threshold to LOG_LEVEL_DEBUG (1), fills the buffer pool, determines
+ * this device's id and starts the scan thread "KypScan", which runs to the end of the process: it
+ * lists the network interfaces about three times a second and sends nothing until
+ * libkyp_startKypScan. Later calls do nothing, also after libkyp_destory. returns  0 thread   any;
+ * who comes second waits for the first
  */
 KYP_API int libkyp_init(void);
 
 /*
  * Stops and releases every connection and frees the pooled buffers. All handles are void
  * afterwards. Waits for the receive threads, each for half a second or until its connection attempt
- * has ended. The rest of the library goes on: new connections may be made without a further
- * libkyp_init, on buffers that are allocated as needed.
- * returns  0
- * thread   any but a callback's; no other call is under way on any handle
+ * has ended. The rest of the library goes on, a scan too: new connections may be made without a
+ * further libkyp_init, on buffers that are allocated as needed. returns  0 thread   any but a
+ * callback's; no other call is under way on any handle
  */
 KYP_API int libkyp_destory(void);
 
@@ -313,6 +314,51 @@ KYP_API int libkyp_setRemoteKypDeviceId(char const* host, char const* deviceIdTe
  * thread   any
  */
 KYP_API int libkyp_getLocalKypDeviceId(_KypDeviceId* out);
+
+/* ---- device scan ----------------------------------------------------------------------------- */
+
+/*
+ * Finds the devices of the local networks. While the scan is open, a request leaves every second on
+ * each usable interface, to 239.255.0.3 port 38897 and to 255.255.255.255 port 38896, and devices
+ * answer. Interfaces that come later or change their address are taken in.
+ *
+ *     libkyp_init();
+ *     libkyp_registerKypScanEvent(on_device, &found);
+ *     libkyp_startKypScan();
+ *     sleep(3);
+ *     libkyp_stopKypScan();
+ *
+ * Requests and answers are neither encrypted nor signed: on a network that is not trusted anybody
+ * may answer in the name of any device.
+ */
+
+/*
+ * Has the answers of devices handed to `cb` from now on. Each one is also entered for its device
+ * id, so that connections to the id go to the address that answered; without a callback nothing is
+ * entered.
+ * cb       one for the whole process, the last one counts; null for none
+ * user     handed to `cb`; stays valid for good, since a call may still be under way when another
+ *          callback takes its place
+ * returns  0
+ * thread   any, also from the callback; one at a time
+ */
+KYP_API int libkyp_registerKypScanEvent(KypScanCallback cb, void* user);
+
+/*
+ * Opens the scan. The first request leaves within about a second, when libkyp_init was called; the
+ * scan thread starts there. Answers that came while the scan was shut are read now.
+ * returns  0, also on a scan that is open
+ * thread   any, also from the callback
+ */
+KYP_API int libkyp_startKypScan(void);
+
+/*
+ * Shuts the scan: no request is sent and no answer is reported. A round or a call of the callback
+ * that has begun on the scan thread is not waited for. libkyp_destory leaves the scan as it is.
+ * returns  0, also on a scan that is shut
+ * thread   any, also from the callback
+ */
+KYP_API int libkyp_stopKypScan(void);
 
 /* ---- simple requests ------------------------------------------------------------------------- */
 

@@ -9,12 +9,10 @@
 #include <cstring>
 #include <utility>
 
+#include "kypcomm/KypWire.h"
 #include "utils/Log.h"
 
 namespace {
-
-constexpr char const* kScanGroup = "239.255.0.3";
-constexpr unsigned short kScanPort = 38897;
 
 int bind_to(int fd, std::string const& ip, unsigned short port) {
     sockaddr_in address = {};

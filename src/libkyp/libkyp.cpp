@@ -8,6 +8,7 @@
 
 #include "kypclient/KypCreateFactory.h"
 #include "kypclient/KypPeerConn.h"
+#include "kypclient/KypScanClient.h"
 #include "kypclient/routetable/RouterTable.h"
 #include "kypcomm/KypDeviceId.h"
 #include "kypcomm/KypLibInit.h"
@@ -87,6 +88,7 @@ void start_library() {
     SetLogLevel(LOG_LEVEL_DEBUG);
     (void)utility::instance<client_bufpool>().init_bufpool();
     (void)utility::instance<CKypLibInit>();  // its constructor determines the device id
+    (void)utility::instance<CKypScanClient>().start();
 }
 
 }  // namespace
@@ -319,4 +321,19 @@ int libkyp_getLocalKypDeviceId(_KypDeviceId* out) {
     route_device(*out, "127.0.0.1");
     KYP_LOG(LOG_LEVEL_DEBUG, "Get Local DeviceId:%s", identity.GetKypDeviceIdString().c_str());
     return 0;
+}
+
+int libkyp_registerKypScanEvent(KypScanCallback cb, void* user) {
+    tlsErrno = KYP_OK;
+    return utility::instance<CKypScanClient>().registerKypSacnEvent(cb, user);
+}
+
+int libkyp_startKypScan() {
+    tlsErrno = KYP_OK;
+    return utility::instance<CKypScanClient>().startScan();
+}
+
+int libkyp_stopKypScan() {
+    tlsErrno = KYP_OK;
+    return utility::instance<CKypScanClient>().stopScan();
 }

@@ -30,6 +30,7 @@
 #include "kypclient/KypPeerConn.h"
 #include "kypclient/KypReqManager.h"
 #include "kypclient/KypRequest.h"
+#include "kypclient/KypScanClient.h"
 #include "kypclient/KypTcpclient.h"
 #include "kypclient/msgrouter/MsgRouter.h"
 #include "kypclient/routetable/RouterTable.h"
@@ -43,6 +44,7 @@
 #include "kypcomm/KypDeviceIdGenerator.h"
 #include "kypcomm/KypLibInit.h"
 #include "kypcomm/KypMsgRequest.h"
+#include "kypcomm/KypScanInfo.h"
 #include "kypcomm/KypTypes.h"
 #include "kypcomm/KypWire.h"
 #include "kypcomm/Socket.h"
@@ -195,6 +197,23 @@ KYP_FIELD(_KypPayload, indexGroup, 2, 4);
 KYP_FIELD(_KypPayload, indexOffset, 6, 4);
 KYP_FIELD(_KypPayload, length, 10, 4);
 KYP_FIELD(_KypPayload, data, 14, 8);
+
+KYP_SIZE(_KypScanCommand, 9);
+KYP_FIELD(_KypScanCommand, command, 0, 1);
+KYP_FIELD(_KypScanCommand, status, 1, 4);
+KYP_FIELD(_KypScanCommand, time, 5, 4);
+
+KYP_SIZE(_KypDevice, 544);
+KYP_FIELD(_KypDevice, ipAddr, 0, 32);
+KYP_FIELD(_KypDevice, macAddr, 32, 32);
+KYP_FIELD(_KypDevice, serialNo, 64, 32);
+KYP_FIELD(_KypDevice, sn, 96, 32);
+KYP_FIELD(_KypDevice, kypDeviceId, 128, 32);
+KYP_FIELD(_KypDevice, kypVersion, 160, 32);
+KYP_FIELD(_KypDevice, rteVersion, 192, 32);
+KYP_FIELD(_KypDevice, velaosVersion, 224, 256);
+KYP_FIELD(_KypDevice, hostName, 480, 32);
+KYP_FIELD(_KypDevice, reserved, 512, 32);
 
 KYP_SIZE(_KypDeviceId, 6);
 KYP_FIELD(_KypDeviceId, bytes, 0, 6);
@@ -480,6 +499,15 @@ KYP_SIZE(CRouterTable, 88);
 KYP_FIELD(CRouterTable, m_mutex, 0, 40);
 KYP_FIELD(CRouterTable, m_table, 40, 48);
 
+KYP_SIZE(CKypScanClient, 72);
+KYP_FIELD(CKypScanClient, m_stop, 8, 1);
+KYP_FIELD(CKypScanClient, m_scanning, 9, 1);
+KYP_FIELD(CKypScanClient, m_thread, 16, 8);
+KYP_FIELD(CKypScanClient, m_lastSend, 24, 8);
+KYP_FIELD(CKypScanClient, m_userData, 32, 8);
+KYP_FIELD(CKypScanClient, m_callback, 40, 8);
+KYP_FIELD(CKypScanClient, m_adapters, 48, 24);
+
 // ---- kypcore
 KYP_SIZE(CEventLoop, 16);
 KYP_FIELD(CEventLoop, m_bStop, 0, 1);
@@ -640,4 +668,5 @@ static_assert(MSG_TYPE_STREAM == 0 && MSG_TYPE_DATAGRAM == 1, "EnMsgType");
 
 // A singleton's pair of static members is shared with the program that uses it.
 KYP_SIZE(utility::Singleton<CRouterTable>, 1);
+KYP_SIZE(utility::Singleton<CKypScanClient>, 1);
 KYP_SIZE(std::once_flag, 4);

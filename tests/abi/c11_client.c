@@ -28,6 +28,8 @@ static_assert(offsetof(KypTcpConnInfo, ctx) == 14, "without a gap");
 static_assert(sizeof(KypDomainConnInfo) == 16, "two pointers");
 static_assert(sizeof(KypIvshmConnInfo) == 24, "natural layout");
 static_assert(offsetof(KypIvshmConnInfo, event) == 8, "natural layout");
+static_assert(sizeof(_KypDevice) == 544, "ten texts");
+static_assert(offsetof(_KypDevice, hostName) == 480, "without a gap");
 
 static_assert(sizeof(tagCmpDrvInfo) == 40, "two words and a name");
 static_assert(offsetof(tagCmpDrvInfo, name) == 8, "without a gap");
@@ -53,6 +55,11 @@ static void on_route(unsigned short port, char const* data, unsigned int len, vo
 static void on_topic(unsigned int indexGroup, unsigned int indexOffset, char const* topic,
                      char const* data, unsigned int len, void* ctx) {
     (void)indexGroup, (void)indexOffset, (void)topic, (void)data, (void)len, (void)ctx;
+}
+
+static void on_device(_KypDevice device, void* ctx) {
+    (void)device;
+    ++*(int*)ctx;
 }
 
 static void check_start_and_status(void) {
@@ -150,6 +157,16 @@ static void check_file_transfer(void) {
     CHECK(reports == 1);
 }
 
+/* Nobody answers here. */
+static void check_scan(void) {
+    static int devices = 0;
+    CHECK(libkyp_registerKypScanEvent(on_device, &devices) == 0);
+    CHECK(libkyp_startKypScan() == 0);
+    CHECK(libkyp_stopKypScan() == 0);
+    CHECK(libkyp_registerKypScanEvent(NULL, NULL) == 0);
+    CHECK(libkyp_get_errno() == KYP_OK);
+}
+
 int main(void) {
     check_start_and_status();
     check_identity();
@@ -157,5 +174,6 @@ int main(void) {
     check_messages();
     check_simple_requests();
     check_file_transfer();
+    check_scan();
     return g_failures == 0 ? 0 : 1;
 }
