@@ -23,6 +23,7 @@
 #include "compmodule/comp_module.h"
 #include "compmodule/comp_module_mgr.h"
 #include "compmodule/comp_virtual_conn.h"
+#include "compmodule/ivshm_svr_group.h"
 #include "compmodule/net_channel.h"
 #include "kypclient/CFileThread.h"
 #include "kypclient/CFileTransfer.h"
@@ -51,6 +52,9 @@
 #include "kypcomm/TcpSocket.h"
 #include "kypcomm/UdpSocket.h"
 #include "kypcomm/filesys/CFile.h"
+#include "kypcomm/ivshm/IvshmExtFunDef.h"
+#include "kypcomm/ivshm/ShmHeader.h"
+#include "kypcomm/ivshm/VClient.h"
 #include "kypcomm/pbuf/CMsgHeader.h"
 #include "kypcomm/pbuf/PeerBuffer.h"
 #include "kypcomm/pbuf/RecvBuf.h"
@@ -402,6 +406,30 @@ KYP_FIELD(CFile, m_fileSize, 16, 4);
 KYP_FIELD(CFile, m_fileName, 24, 32);
 KYP_FIELD(CFile, m_fullPath, 56, 256);
 
+// ---- kypcomm, shared memory
+KYP_SIZE(ShmHeader, 20);
+KYP_FIELD(ShmHeader, magic, 0, 4);
+KYP_FIELD(ShmHeader, type, 4, 1);
+KYP_FIELD(ShmHeader, reserved, 5, 1);
+KYP_FIELD(ShmHeader, version, 6, 1);
+KYP_FIELD(ShmHeader, reserved2, 7, 1);
+KYP_FIELD(ShmHeader, clientId, 8, 4);
+KYP_FIELD(ShmHeader, processId, 12, 4);
+KYP_FIELD(ShmHeader, dataSize, 16, 4);
+
+KYP_SIZE(VClient, 48);
+KYP_FIELD(VClient, m_id, 0, 2);
+KYP_FIELD(VClient, m_mutex, 8, 40);
+
+KYP_SIZE(ExtIvshmApiDef, 72);
+KYP_FIELD(ExtIvshmApiDef, m_bLoaded, 0, 1);
+KYP_FIELD(ExtIvshmApiDef, m_once, 4, 4);
+KYP_FIELD(ExtIvshmApiDef, m_strPath, 8, 32);
+KYP_FIELD(ExtIvshmApiDef, m_pfnInit, 40, 8);
+KYP_FIELD(ExtIvshmApiDef, m_pfnSend, 48, 8);
+KYP_FIELD(ExtIvshmApiDef, m_pfnRecv, 56, 8);
+KYP_FIELD(ExtIvshmApiDef, m_pfnUninit, 64, 8);
+
 // ---- kypclient
 KYP_SIZE(CMsgPort, 24);
 KYP_FIELD(CMsgPort, m_flag, 0, 1);
@@ -662,8 +690,28 @@ KYP_SIZE(libkyp::compmodule::CompModuleMgr, 88);
 KYP_FIELD(libkyp::compmodule::CompModuleMgr, m_mutex, 0, 40);
 KYP_FIELD(libkyp::compmodule::CompModuleMgr, m_modules, 40, 48);
 
+// ---- compmodule, shared memory
+KYP_SIZE(ivshm_conn, 48);
+KYP_FIELD(ivshm_conn, m_clientId, 32, 2);
+KYP_FIELD(ivshm_conn, m_processId, 36, 4);
+KYP_FIELD(ivshm_conn, m_pGroup, 40, 8);
+
+KYP_SIZE(IvshmSvrGroup, 352);
+KYP_FIELD(IvshmSvrGroup, m_bStop, 0, 1);
+KYP_FIELD(IvshmSvrGroup, m_mutex, 8, 40);
+KYP_FIELD(IvshmSvrGroup, m_thread, 48, 8);
+KYP_FIELD(IvshmSvrGroup, m_bInit, 56, 1);
+KYP_FIELD(IvshmSvrGroup, m_nRefCount, 60, 4);
+KYP_FIELD(IvshmSvrGroup, m_nIdx, 64, 4);
+KYP_FIELD(IvshmSvrGroup, m_nMaxSize, 68, 4);
+KYP_FIELD(IvshmSvrGroup, m_enMode, 72, 4);
+KYP_FIELD(IvshmSvrGroup, m_hRead, 80, 8);
+KYP_FIELD(IvshmSvrGroup, m_hWrite, 88, 8);
+KYP_FIELD(IvshmSvrGroup, m_arrConn, 96, 256);
+
 // ---- numbers that travel inside the records
 static_assert(MSG_MODE_RECV == 0 && MSG_MODE_SEND == 1, "EnMsgMode");
+static_assert(kIvshmServer == 0 && kIvshmClient == 1, "MODE");
 static_assert(MSG_TYPE_STREAM == 0 && MSG_TYPE_DATAGRAM == 1, "EnMsgType");
 
 // A singleton's pair of static members is shared with the program that uses it.
