@@ -21,4 +21,4 @@ if ! { cmake --preset release && cmake --build --preset release \
     exit 1
 fi
 echo
-exec "$build/bin/kyp_sandbox" "$PWD/$build/bin/kyp_demo" "$PWD/$build/bin/kypserver" "$@"
+exec "$build/bin/kyp_sandbox" "$PWD/$build/bin/kyp_demo" "$PWD/$build/bin" "$@"
