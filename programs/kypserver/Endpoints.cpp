@@ -88,8 +88,12 @@ bool register_endpoint(ISocketServer* server, int (ISocketServer::*handler)(CSoc
 }  // namespace
 
 CEndpoints::CEndpoints(Options const& options, CConnections const& connections, CSendLedger& ledger,
-                       CHeldBytes& held)
-    : m_options(options), m_connections(connections), m_ledger(ledger), m_held(held) {}
+                       CHeldBytes& held, CStrands& strands)
+    : m_options(options),
+      m_connections(connections),
+      m_ledger(ledger),
+      m_held(held),
+      m_strands(strands) {}
 
 CEndpoints::~CEndpoints() = default;
 
@@ -135,8 +139,8 @@ std::string CEndpoints::open_tcp() {
     std::string problem = probe(address, SOCK_STREAM, "--tcp-address");
     if (!problem.empty()) return problem;
 
-    m_tcp = std::make_unique<CTcpEndpoint>(m_connections, m_ledger, m_held, address.host.c_str(),
-                                           address.port);
+    m_tcp = std::make_unique<CTcpEndpoint>(m_connections, m_ledger, m_held, m_strands,
+                                           address.host.c_str(), address.port);
     return is_listening(m_tcp->get_listen_sock()) ? "" : not_opened("TCP " + text_of(address));
 }
 
@@ -146,7 +150,8 @@ std::string CEndpoints::open_domain() {
     if (!problem.empty()) return problem;
 
     mode_t const usual = umask(kDomainUmask);
-    m_domain = std::make_unique<CDomainEndpoint>(m_connections, m_ledger, m_held, path.c_str());
+    m_domain =
+        std::make_unique<CDomainEndpoint>(m_connections, m_ledger, m_held, m_strands, path.c_str());
     umask(usual);
     return is_listening(m_domain->get_listen_sock()) ? "" : not_opened(path);
 }

@@ -19,7 +19,7 @@ namespace kypserver {
 class CEndpoints {
 public:
     CEndpoints(Options const& options, CConnections const& connections, CSendLedger& ledger,
-               CHeldBytes& held);
+               CHeldBytes& held, CStrands& strands);
     ~CEndpoints();
     CEndpoints(CEndpoints const&) = delete;
     CEndpoints& operator=(CEndpoints const&) = delete;
@@ -43,6 +43,7 @@ private:
     CConnections const& m_connections;
     CSendLedger& m_ledger;
     CHeldBytes& m_held;
+    CStrands& m_strands;
     CPathGuard m_pathGuard;  // lets go behind the end of m_domain
     std::unique_ptr<CTcpEndpoint> m_tcp;
     std::unique_ptr<CDomainEndpoint> m_domain;

@@ -24,29 +24,16 @@ bool can_have_service(unsigned short port) {
 
 }  // namespace
 
-CHeldBytes::CHeldBytes(size_t limit) : m_limit(limit) {
-    for (auto& head : m_buckets) head.store(nullptr, std::memory_order_relaxed);
-}
-
-CHeldBytes::~CHeldBytes() {
-    for (auto& head : m_buckets) {
-        Account* account = head.load(std::memory_order_relaxed);
-        while (account != nullptr) {
-            Account* const next = account->next;
-            delete account;
-            account = next;
-        }
-    }
-}
+CHeldBytes::CHeldBytes(size_t limit) : m_limit(limit) {}
 
 void CHeldBytes::begin(IConnection* conn) {
-    Account& own = account(conn);
+    Account& own = m_accounts.at(conn);
     own.held.store(0, std::memory_order_relaxed);
     own.portless.clear();
 }
 
 bool CHeldBytes::take(IConnection* conn, _KypHeader const& head) {
-    Account& own = account(conn);
+    Account& own = m_accounts.at(conn);
     size_t const payload = payload_of(head);
     int64_t const held = own.held.load(std::memory_order_relaxed);
     if (held > 0 && held + cost(payload) > static_cast<int64_t>(m_limit)) return false;
@@ -67,7 +54,7 @@ void CHeldBytes::answering(IConnection* conn, size_t payload) {
 void CHeldBytes::left(IConnection* conn, unsigned short port, size_t size) {
     if (can_have_service(port)) return add(conn, -cost(size));
 
-    Account* const own = find(conn);
+    Account* const own = m_accounts.find(conn);
     if (own == nullptr || own->portless.empty()) return;
     // Workers may have answered in another order; in the end the sum is right.
     own->held.fetch_sub(cost(own->portless.front()), std::memory_order_relaxed);
@@ -75,37 +62,13 @@ void CHeldBytes::left(IConnection* conn, unsigned short port, size_t size) {
 }
 
 size_t CHeldBytes::held(IConnection* conn) const {
-    Account const* const own = find(conn);
+    Account const* const own = m_accounts.find(conn);
     int64_t const held = own != nullptr ? own->held.load(std::memory_order_relaxed) : 0;
     return held > 0 ? static_cast<size_t>(held) : 0;
 }
 
-std::atomic<CHeldBytes::Account*>& CHeldBytes::bucket(IConnection* conn) const {
-    // Records lie some hundred bytes apart.
-    return m_buckets[(reinterpret_cast<uintptr_t>(conn) >> 6) % m_buckets.size()];
-}
-
-CHeldBytes::Account* CHeldBytes::find(IConnection* conn) const {
-    Account* account = bucket(conn).load(std::memory_order_acquire);
-    while (account != nullptr && account->conn != conn) account = account->next;
-    return account;
-}
-
-// Made where it is missing. One thread alone asks for a given connection.
-CHeldBytes::Account& CHeldBytes::account(IConnection* conn) {
-    if (Account* const known = find(conn)) return *known;
-
-    auto* const made = new Account(conn);
-    std::atomic<Account*>& head = bucket(conn);
-    made->next = head.load(std::memory_order_relaxed);
-    while (!head.compare_exchange_weak(made->next, made, std::memory_order_release,
-                                       std::memory_order_relaxed)) {
-    }
-    return *made;
-}
-
 void CHeldBytes::add(IConnection* conn, int64_t bytes) {
-    Account* const own = find(conn);
+    Account* const own = m_accounts.find(conn);
     if (own != nullptr) own->held.fetch_add(bytes, std::memory_order_relaxed);
 }
 

@@ -13,15 +13,13 @@
 #ifndef KYP_PROGRAMS_KYPSERVER_HELDBYTES_H
 #define KYP_PROGRAMS_KYPSERVER_HELDBYTES_H
 
-#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 
 #include "kypcomm/KypWire.h"
-
-class IConnection;
+#include "kypserver/ByConnection.h"
 
 namespace kypserver {
 
@@ -32,9 +30,6 @@ public:
 
     // At most `limit` bytes are held for one client, or one request if that is larger.
     explicit CHeldBytes(size_t limit);
-    ~CHeldBytes();
-    CHeldBytes(CHeldBytes const&) = delete;
-    CHeldBytes& operator=(CHeldBytes const&) = delete;
 
     // `conn` is a new client's: nothing is held for it.
     void begin(IConnection* conn);
@@ -58,21 +53,14 @@ public:
 
 private:
     struct Account {
-        explicit Account(IConnection* owner) : conn(owner), held(0), next(nullptr) {}
-
-        IConnection* const conn;
-        std::atomic<int64_t> held;
+        std::atomic<int64_t> held{0};
         std::deque<size_t> portless;  // requests that the library answers; the loop thread's alone
-        Account* next;
     };
 
-    std::atomic<Account*>& bucket(IConnection* conn) const;
-    Account* find(IConnection* conn) const;
-    Account& account(IConnection* conn);
     void add(IConnection* conn, int64_t bytes);
 
     size_t const m_limit;
-    mutable std::array<std::atomic<Account*>, 1024> m_buckets;  // chains that only grow
+    CByConnection<Account> m_accounts;
 };
 
 }  // namespace kypserver

@@ -9,15 +9,17 @@
 
 #include <deque>
 
+#include "kypserver/FrameHandler.h"
 #include "kypserver/Service.h"
 
 namespace kypserver {
 
 class CHeldBytes;
+class CStrands;
 
 class CPortTable {
 public:
-    CPortTable(RouteManage& routes, CHeldBytes& held);
+    CPortTable(RouteManage& routes, CHeldBytes& held, CStrands& strands);
 
     // Gives the requests of the service's port to it. Returns false when the port is taken or is
     // not one.
@@ -27,19 +29,39 @@ public:
     void refuse_the_rest();
 
 private:
+    // A service that keeps the order of its requests, as a handler of frames.
+    class OrderedService : public IFrameHandler {
+    public:
+        OrderedService(IService& service, CHeldBytes& held) : m_service(service), m_held(held) {}
+        void handle(CMsgHeader& msg, _KypHeader const& head, _AoEHeader const& aoe) override;
+
+    private:
+        IService& m_service;
+        CHeldBytes& m_held;
+    };
     struct Entry {
         IService* service;
         CHeldBytes* held;
     };
+    struct OrderedEntry {
+        IFrameHandler* handler;
+        CStrands* strands;
+    };
+
+    bool serve_in_order(unsigned short port, IFrameHandler& handler);
 
     static void call_service(unsigned short port, char const* data, unsigned int size,
                              _msg_request head, void* entry);
+    static void call_in_order(CMsgHeader* msg, _KypHeader& header, _AoEHeader& aoe, void* entry);
     static void refuse(CMsgHeader* msg, _KypHeader& header, _AoEHeader& aoe, void* table);
     void answer_refusal(CMsgHeader* msg, _KypHeader const& header, _AoEHeader const& aoe);
 
     RouteManage& m_routes;
     CHeldBytes& m_held;
-    std::deque<Entry> m_entries;  // the contexts of the services' routes
+    CStrands& m_strands;
+    std::deque<OrderedService> m_orderedServices;
+    std::deque<Entry> m_entries;         // the contexts of the routes
+    std::deque<OrderedEntry> m_ordered;  // the same for those that keep the order
 };
 
 }  // namespace kypserver

@@ -1,7 +1,11 @@
 #include "kypserver/Service.h"
 
+#include <algorithm>
+#include <cstring>
 #include "kypcomm/KypStatus.h"
-#include "kypcore/IConnection.h"
+
+#include "kypcomm/pbuf/CMsgHeader.h"
+#include "kypcore/SocketConnection.h"
 #include "kypserver/HeldBytes.h"
 
 namespace kypserver {
@@ -11,6 +15,28 @@ namespace {
 constexpr int kAnswerTimeoutMs = 1000;
 
 }  // namespace
+
+Request read_request(CMsgHeader& msg, _KypHeader const& head, _AoEHeader const& aoe,
+                     CHeldBytes& held) {
+    AoERequestHeader address = {};
+    int const size = msg.GetVaildSize();
+    int const addressSize = sizeof address;
+    if (size >= addressSize) memcpy(&address, msg.GetVaildData(), sizeof address);
+
+    Request request = {};
+    request.port = head.port;
+    request.data = reinterpret_cast<char const*>(msg.GetVaildData()) + std::min(size, addressSize);
+    request.size = static_cast<unsigned int>(std::max(size - addressSize, 0));
+    request.head.version = head.version;
+    request.head.cmd = utils_ntohs(aoe.cmd);
+    request.head.invokeId = utils_ntohl(aoe.invokeId);
+    request.head.indexGroup = utils_ntohl(address.indexGroup);
+    request.head.indexOffset = utils_ntohl(address.indexOffset);
+    request.head.error = utils_ntohl(aoe.error);
+    request.head.conn = msg.m_pConn;
+    request.held = &held;
+    return request;
+}
 
 bool is_one_way(unsigned int cmd) {
     return cmd == KYP_CMD_SUBSCRIBE || cmd == KYP_CMD_UNSUBSCRIBE || cmd == KYP_CMD_PUBLISH;

@@ -23,7 +23,7 @@ struct Request {
 
 // Serves one logical port.
 //
-// Threads:  serve() runs on every worker at once.
+// Threads:  serve() runs on every worker at once; of one connection once if in_order().
 // Lifetime: outlives the workers.
 class IService {
 public:
@@ -31,9 +31,18 @@ public:
 
     virtual unsigned short port() const = 0;
 
+    // Are the requests of one connection served one after the other, as they came? If not, they are
+    // served as soon as a worker is free.
+    virtual bool in_order() const { return false; }
+
     // Answers `request`, or not. Must not wait for another peer.
     virtual void serve(Request const& request) = 0;
 };
+
+// The request in `msg`, which stands behind its first two heads. Of a frame that is too short for
+// the third one its words are 0, and there is no data.
+Request read_request(CMsgHeader& msg, _KypHeader const& head, _AoEHeader const& aoe,
+                     CHeldBytes& held);
 
 // True for the commands that nobody awaits an answer to.
 bool is_one_way(unsigned int cmd);

@@ -1,7 +1,8 @@
 // A listening stream endpoint of the library with what this server needs beyond it: a bound on the
-// number of peers and on what is held for each, and word of the frames that have left.
+// number of peers and on what is held for each, word of the frames that have left, and the order of
+// those that come in.
 //
-// Threads and lifetime: as ISocketServer; outlived by connections, ledger and held bytes.
+// Threads and lifetime: as ISocketServer; outlived by connections, ledger, held bytes and strands.
 #ifndef KYP_PROGRAMS_KYPSERVER_STREAMENDPOINT_H
 #define KYP_PROGRAMS_KYPSERVER_STREAMENDPOINT_H
 
@@ -13,6 +14,7 @@
 #include "kypserver/Connections.h"
 #include "kypserver/HeldBytes.h"
 #include "kypserver/SendLedger.h"
+#include "kypserver/Strands.h"
 
 namespace kypserver {
 
@@ -37,8 +39,12 @@ public:
     // `address` is what Server takes.
     template <typename... Address>
     CStreamEndpoint(CConnections const& connections, CSendLedger& ledger, CHeldBytes& held,
-                    Address... address)
-        : Server(address...), m_connections(connections), m_ledger(ledger), m_held(held) {}
+                    CStrands& strands, Address... address)
+        : Server(address...),
+          m_connections(connections),
+          m_ledger(ledger),
+          m_held(held),
+          m_strands(strands) {}
 
     int sock_event_accept(CSocketConnection* listenConn) override {
         if (m_connections.has_room()) return Server::sock_event_accept(listenConn);
@@ -50,10 +56,15 @@ public:
     int sock_read_request_handler(CSocketConnection* conn) override {
         bool const hadHead = has_head(conn);
         int const result = Server::sock_read_request_handler(conn);
-        if (hadHead || !has_head(conn) || m_held.take(conn, conn->m_recvHeader)) return result;
+        if (hadHead || !has_head(conn)) return result;
 
-        report_overload(m_connections.name(conn));
-        return this->sock_close_connection(conn);
+        if (!m_held.take(conn, conn->m_recvHeader)) {
+            report_overload(m_connections.name(conn));
+            return this->sock_close_connection(conn);
+        }
+        // Now, since a worker may have the message as soon as the body is there.
+        m_strands.expect(conn->m_pRecvMsg, conn->m_recvHeader);
+        return result;
     }
 
     int sock_close_connection(CSocketConnection* conn) override {
@@ -73,6 +84,7 @@ private:
     CConnections const& m_connections;
     CSendLedger& m_ledger;
     CHeldBytes& m_held;
+    CStrands& m_strands;
 };
 
 using CTcpEndpoint = CStreamEndpoint<TcpServer>;

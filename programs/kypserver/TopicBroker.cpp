@@ -43,6 +43,10 @@ unsigned short CTopicBroker::port() const {
     return kPortPubSub;
 }
 
+bool CTopicBroker::in_order() const {
+    return true;
+}
+
 void CTopicBroker::serve(Request const& request) {
     unsigned int const cmd = request.head.cmd;
     if (!is_one_way(cmd)) return answer(request, KYP_ERR_COMMAND);

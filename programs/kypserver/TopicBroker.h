@@ -33,6 +33,9 @@ public:
 
     unsigned short port() const override;
 
+    // What one connection publishes reaches each subscriber in its order.
+    bool in_order() const override;
+
     // "sub", "unsub" and "pub" with their commands 6, 7 and 8; none of them is answered. What is
     // malformed, or too much for one connection, is reported and dropped. Another command is
     // answered with 0x1009.

@@ -18,6 +18,7 @@
 #include "kypserver/SendLedger.h"
 #include "kypserver/ServerCore.h"
 #include "kypserver/ServerLog.h"
+#include "kypserver/Strands.h"
 #include "kypserver/TopicBroker.h"
 #include "utils/Log.h"
 
@@ -90,22 +91,24 @@ int main(int argc, char** argv) {
     CSendLedger ledger(connections, options.maxWaitingBytes);
     CHeldBytes held(options.maxHeldBytes);
     connections.on_begin([&](IConnection* conn) { held.begin(conn); });
+    CStrands strands;
     CEchoService echo;
     CIdentityService identity(options.allowSetId);
     CTopicBroker topics(connections, ledger, options.maxTopics);
     connections.on_end([&](IConnection* conn) {
-        topics.end(conn);  // first, so that nothing more is offered
-        ledger.closed(conn);
+        strands.end(conn);
+        topics.end(conn);
+        ledger.closed(conn);  // last: nothing more is offered now
     });
 
-    CPortTable ports(utility::instance<RouteManage>(), held);
+    CPortTable ports(utility::instance<RouteManage>(), held, strands);
     for (IService* service : {static_cast<IService*>(&echo), static_cast<IService*>(&identity),
                               static_cast<IService*>(&topics)}) {
         ports.serve(*service);
     }
     ports.refuse_the_rest();
 
-    CEndpoints endpoints(options, connections, ledger, held);
+    CEndpoints endpoints(options, connections, ledger, held, strands);
     CServerCore core(options);
     core.prepare();
     SetLogLevel(log_threshold(options.verbose));

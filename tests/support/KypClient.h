@@ -63,8 +63,7 @@ public:
     int subscribe(std::string const& topic);
     int unsubscribe(std::string const& topic);
 
-    // The messages of all topics in the order in which they came. A server with several workers
-    // may change the order of what one client publishes.
+    // The messages of all topics in the order in which they came.
     std::vector<Message> messages() const;
     size_t message_count() const;
     size_t message_count(std::string const& topic, Bytes const& data) const;

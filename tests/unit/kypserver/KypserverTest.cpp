@@ -219,6 +219,62 @@ TEST_F(KypserverTest, ADatagramMayPublishButNotSubscribe) {
     EXPECT_EQ(hex(delivery_frame(0, "a", text("x"), 5, 6)), hex(subscriber.receive_frame()));
 }
 
+TEST_F(KypserverTest, ASubscriberHearsEachPublisherInItsOrder) {
+    constexpr uint32_t kMessages = 3000;
+    start({"--workers", "16", "--max-waiting-bytes", "64mb"});
+    RawPeer subscriber = RawPeer::connect_tcp(9999);
+    subscriber.send(subscribe_frame(1, "a"));
+    ASSERT_TRUE(echoes(subscriber));
+    // Open until all has arrived: what waits at the end of a connection is dropped with it.
+    std::vector<RawPeer> publishers;
+    std::vector<std::thread> senders;
+    publishers.push_back(RawPeer::connect_unix(kPath));
+    for (int i = 0; i < 2; ++i) publishers.push_back(RawPeer::connect_tcp(9999));
+    for (uint32_t who = 0; who < 3; ++who) {
+        senders.emplace_back([&publishers, who] {
+            Bytes all;
+            for (uint32_t i = 0; i < kMessages; ++i) {
+                Bytes const frame = publish_frame(i, "a", {}, who, i);
+                all.insert(all.end(), frame.begin(), frame.end());
+            }
+            EXPECT_TRUE(publishers[who].send(all));
+        });
+    }
+
+    uint32_t expected[3] = {};
+    for (uint32_t i = 0; i < 3 * kMessages; ++i) {
+        PubSubParts const body = take_body_apart(take_apart(subscriber.receive_frame()).rest);
+        ASSERT_TRUE(body.whole);
+        ASSERT_LT(body.indexGroup, 3U);
+        ASSERT_EQ(expected[body.indexGroup]++, body.indexOffset);
+    }
+    for (std::thread& sender : senders) sender.join();
+}
+
+TEST_F(KypserverTest, SubscriptionsAndPublicationsOfOneConnectionKeepTheirOrder) {
+    constexpr uint32_t kRounds = 500;
+    start({"--workers", "16"});
+    RawPeer peer = RawPeer::connect_unix(kPath);
+    Bytes all;
+    for (uint32_t i = 0; i < kRounds; ++i) {
+        for (Bytes const& frame :
+             {subscribe_frame(1, "a"), publish_frame(2, "a", {}, 1, i), unsubscribe_frame(3, "a"),
+              publish_frame(4, "a", {}, 2, i)}) {
+            all.insert(all.end(), frame.begin(), frame.end());
+        }
+    }
+    std::thread sender([&] { EXPECT_TRUE(peer.send(all)); });
+
+    for (uint32_t i = 0; i < kRounds; ++i) {
+        PubSubParts const body = take_body_apart(take_apart(peer.receive_frame()).rest);
+        ASSERT_TRUE(body.whole);
+        ASSERT_EQ(1U, body.indexGroup);
+        ASSERT_EQ(i, body.indexOffset);
+    }
+    sender.join();
+    EXPECT_TRUE(echoes(peer));
+}
+
 TEST_F(KypserverTest, PublishesOnAfterASubscriberWasReset) {
     start();
     RawPeer stays = RawPeer::connect_tcp(9999);
