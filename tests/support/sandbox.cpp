@@ -1,14 +1,15 @@
 // kyp_sandbox COMMAND ARGS...
 //
 // Runs a command in private user, mount, network and process namespaces, as user 0 of its own:
-// fresh tmpfs at /opt/kyp, /var/tmp/kyp and /tmp, loopback up and no other way out. Commands that
-// run at the same time never meet, whatever paths and ports they use, and what they leave goes with
-// them. Exit code, signals and death of the command are passed on; a killed runner takes the
-// command and all that it started along.
+// fresh tmpfs at /opt/kyp, /var/tmp/kyp, /tmp and /dev/shm, loopback up and no other way out.
+// Commands that run at the same time never meet, whatever paths and ports they use, and what they
+// leave goes with them. Exit code, signals and death of the command are passed on; a killed runner
+// takes the command and all that it started along.
 //
 // Where a user may not make namespaces, it says so and falls back to those of root, one command at
 // a time. KYP_SANDBOX_ROAD=root takes that road at once.
-#include <dirent.h>
+//
+// KYP_SANDBOX_IVSHM=FILE makes FILE the /usr/lib/libivshmAPI.so of the command.
 #include <fcntl.h>
 #include <net/if.h>
 #include <sched.h>
@@ -32,6 +33,8 @@
 #include <set>
 #include <string>
 #include <vector>
+
+#include "support/CoverFolder.h"
 
 namespace {
 
@@ -88,54 +91,17 @@ std::string find_command(char const* name) {
 
 // ---- mounts
 
-void mount_tmpfs(int report, std::string const& at, char const* mode) {
-    std::string const options = std::string("mode=") + mode;
-    if (mount("kyp", at.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, options.c_str()) != 0) {
-        fail(report, ("mount a tmpfs at " + at).c_str());
-    }
-}
-
-// Makes `name` in the tmpfs that covers a folder and binds the folder's own entry, reached through
-// `source`, onto it. A failure leaves an empty entry: only that one thing is out of sight.
-void show_entry(std::string const& source, std::string const& name) {
-    struct stat info;
-    if (lstat(source.c_str(), &info) != 0) return;
-    if (S_ISLNK(info.st_mode)) {
-        char target[PATH_MAX];
-        ssize_t const n = readlink(source.c_str(), target, sizeof target - 1);
-        if (n > 0)
-            (void)!symlink(std::string(target, static_cast<size_t>(n)).c_str(), name.c_str());
-        return;
-    }
-    if (S_ISDIR(info.st_mode)) {
-        mkdir(name.c_str(), 0755);
-    } else {
-        close(open(name.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644));
-    }
-    mount(source.c_str(), name.c_str(), nullptr, MS_BIND | MS_REC, nullptr);
-}
-
-// Covers `folder` with a tmpfs and lets all that was in it show through, so that a new entry can be
-// made in it without touching the real one.
-void cover(int report, std::string const& folder, char const* mode) {
-    DIR* entries = opendir(folder.c_str());
-    if (entries == nullptr) fail(report, ("read " + folder).c_str());
-    mount_tmpfs(report, folder, mode);
-    std::string const below = "/proc/self/fd/" + std::to_string(dirfd(entries)) + "/";
-    while (dirent const* entry = readdir(entries)) {
-        std::string const name = entry->d_name;
-        if (name != "." && name != "..") show_entry(below + name, folder + "/" + name);
-    }
-    closedir(entries);
+void need_tmpfs(int report, std::string const& at, char const* mode) {
+    if (!mount_tmpfs(at, mode)) fail(report, ("mount a tmpfs at " + at).c_str());
 }
 
 void fresh_folder(int report, std::string const& parent, char const* parentMode,
                   std::string const& folder) {
     if (access(folder.c_str(), F_OK) != 0) {
-        cover(report, parent, parentMode);
+        if (!cover_folder(parent, parentMode)) fail(report, ("cover " + parent).c_str());
         mkdir(folder.c_str(), 0755);
     }
-    mount_tmpfs(report, folder, "0755");
+    need_tmpfs(report, folder, "0755");
 }
 
 // What a command needs to see as it is: itself, its working folder, the runner and the files that
@@ -146,25 +112,41 @@ std::vector<std::string> needed_paths(char** command) {
     for (char** word = command + 1; *word != nullptr; ++word) {
         if (**word == '/') paths.push_back(real_path(*word));
     }
+    if (char const* const library = getenv("KYP_SANDBOX_IVSHM")) {
+        paths.push_back(real_path(library));
+    }
     return paths;
 }
 
-// Covers /tmp and lets only those of its entries show through that hold something needed. A command
-// that works in /tmp itself finds it as it is.
-void fresh_tmp(int report, std::vector<std::string> const& needed) {
-    std::string const tmp = "/tmp/";
+// Covers `folder` and lets only those of its entries show through that hold something needed. A
+// command that works in the folder itself finds it as it is.
+void fresh_scratch(int report, std::string const& folder, std::vector<std::string> const& needed) {
+    std::string const tmp = folder + "/";
     std::set<std::string> entries;
     for (std::string const& path : needed) {
         if (path + "/" == tmp) return;
         if (path.compare(0, tmp.size(), tmp) != 0) continue;
         entries.insert(path.substr(tmp.size(), path.find('/', tmp.size()) - tmp.size()));
     }
-    int const below = open("/tmp", O_PATH | O_DIRECTORY | O_CLOEXEC);
-    mount_tmpfs(report, "/tmp", "1777");
+    int const below = open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (below < 0) return;
+    need_tmpfs(report, folder, "1777");
     for (std::string const& entry : entries) {
         show_entry("/proc/self/fd/" + std::to_string(below) + "/" + entry, tmp + entry);
     }
     close(below);
+}
+
+// Puts the transport that KYP_SANDBOX_IVSHM names where the library looks for it.
+void offer_ivshm(int report) {
+    char const* const library = getenv("KYP_SANDBOX_IVSHM");
+    if (library == nullptr || *library == '\0') return;
+    std::string const path = real_path(library);
+    if (path.empty()) fail(report, "find the file that KYP_SANDBOX_IVSHM names");
+    if (!cover_folder("/usr/lib", "0755", "libivshmAPI.so")) fail(report, "cover /usr/lib");
+    if (symlink(path.c_str(), "/usr/lib/libivshmAPI.so") != 0) {
+        fail(report, "make /usr/lib/libivshmAPI.so");
+    }
 }
 
 void make_mounts(int report, int flags, std::vector<std::string> const& needed) {
@@ -173,7 +155,9 @@ void make_mounts(int report, int flags, std::vector<std::string> const& needed) 
     }
     fresh_folder(report, "/opt", "0755", "/opt/kyp");
     fresh_folder(report, "/var/tmp", "1777", "/var/tmp/kyp");
-    fresh_tmp(report, needed);
+    fresh_scratch(report, "/tmp", needed);
+    fresh_scratch(report, "/dev/shm", needed);
+    offer_ivshm(report);
 
     if ((flags & CLONE_NEWPID) != 0 &&
         mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) != 0) {

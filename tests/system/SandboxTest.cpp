@@ -20,6 +20,7 @@
 namespace {
 
 using testing::EndsWith;
+using testing::HasSubstr;
 
 // Starts a shell in a sandbox inside this one.
 std::vector<std::string> sandboxed(std::string const& script) {
@@ -33,6 +34,29 @@ bool is_empty(char const* folder) {
 TEST(SandboxTest, GivesEmptyFoldersAtTheFixedPlaces) {
     EXPECT_TRUE(is_empty("/opt/kyp"));
     EXPECT_TRUE(is_empty("/var/tmp/kyp"));
+    EXPECT_TRUE(is_empty("/dev/shm"));
+}
+
+TEST(SandboxTest, OffersATransportOnDemand) {
+    std::string const show = "test -r /usr/lib/libivshmAPI.so && ls /usr/lib | wc -l";
+    auto const entries = std::distance(std::filesystem::directory_iterator("/usr/lib"),
+                                       std::filesystem::directory_iterator());
+    setenv("KYP_SANDBOX_IVSHM", "/proc/self/exe", 1);
+    ChildProcess with(sandboxed(show));
+    unsetenv("KYP_SANDBOX_IVSHM");
+    ChildProcess without(sandboxed(show));
+
+    EXPECT_EQ(0, with.wait_exit()) << with.errors();
+    EXPECT_NE(0, without.wait_exit());
+    EXPECT_THAT(with.output(), EndsWith(std::to_string(entries + 1) + "\n"));
+}
+
+TEST(SandboxTest, SaysWhenTheTransportIsNotThere) {
+    setenv("KYP_SANDBOX_IVSHM", "/no/such/library", 1);
+    ChildProcess command(sandboxed("true"));
+
+    EXPECT_EQ(125, command.wait_exit());
+    EXPECT_THAT(command.errors(), HasSubstr("find the file that KYP_SANDBOX_IVSHM names"));
 }
 
 TEST(SandboxTest, IsUserZeroWithALoopbackThatIsUp) {
