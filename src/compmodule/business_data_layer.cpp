@@ -54,8 +54,7 @@ bool wait_for_frame(CNetChannel& channel, int ms) {
     using Clock = std::chrono::steady_clock;
     const auto end = Clock::now() + std::chrono::milliseconds(ms);
     for (;;) {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now()).count();
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
         // A signal ends a single wait early.
         if (channel.waiting(static_cast<int>(std::max<int64_t>(left, 0)))) return true;
         if (!channel.socket->isConnected()) return true;
