@@ -3,9 +3,9 @@
 //
 // Owns:     the scan thread and one CScanAdapter for each interface that was ever usable.
 // Threads:  svc() runs on the scan thread, and so do the callback and every operation that sends,
-//           reads or looks at the adapters. startScan() and stopScan() from any thread, also from
-//           the callback; registerKypSacnEvent() from one at a time; start() and stop() from one at
-//           a time, and stop() there only asks for the end when it is the scan thread itself.
+//           reads or looks at the adapters. startScan(), stopScan() and registerKypSacnEvent() from
+//           any thread, also from the callback; start() and stop() from one at a time, and on the
+//           scan thread itself stop() only asks for the end.
 // Lifetime: one per process, utility::instance<CKypScanClient>(), never destroyed. The thread runs
 //           from libkyp_init() on, whether a scan is open or not. An object that is destroyed while
 //           its thread was not joined ends the process.
@@ -87,11 +87,11 @@ public:
     // line in the log, for a text that is no such JSON, and for one whose "frames" is null.
     int notify(char* payload, int len, sockaddr_in* from);
 
-    std::atomic<bool> m_stop;      // asks the thread to end; relaxed, read every round
-    std::atomic<bool> m_scanning;  // the gate; relaxed: nothing hangs on it
-    std::thread m_thread;          // runs svc()
-    CTimestamp m_lastSend;         // the last round
-    std::atomic<void*> m_userData;
+    std::atomic<bool> m_stop;       // asks the thread to end; relaxed, read every round
+    std::atomic<bool> m_scanning;   // the gate; relaxed: nothing hangs on it
+    std::thread m_thread;           // runs svc()
+    CTimestamp m_lastSend;          // the last round
+    std::atomic<void*> m_userData;  // goes with m_callback; the two change together
     std::atomic<void (*)(_KypDevice, void*)> m_callback;  // null until registered
     std::list<CScanAdapter*> m_adapters;                  // owned; only stop() takes away
 };

@@ -340,7 +340,7 @@ KYP_API int libkyp_getLocalKypDeviceId(_KypDeviceId* out);
  * user     handed to `cb`; stays valid for good, since a call may still be under way when another
  *          callback takes its place
  * returns  0
- * thread   any, also from the callback; one at a time
+ * thread   any, also from the callback
  */
 KYP_API int libkyp_registerKypScanEvent(KypScanCallback cb, void* user);
 

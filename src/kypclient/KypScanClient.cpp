@@ -14,6 +14,7 @@
 #include <future>
 #include <mutex>
 #include <stdexcept>
+#include <utility>
 
 #include "kypclient/routetable/RouterTable.h"
 #include "kypcomm/CScanAdapter.h"
@@ -33,6 +34,18 @@ constexpr int kIdleSleepMs = 300;  // from one look at the adapters to the next,
 constexpr int kSelectMs = 500;     // bounds the reaction to stop() and to a due round
 constexpr double kRoundMs = 1000;
 constexpr int kHeadSize = sizeof(_KypScanCommand);
+
+using Callback = void (*)(_KypDevice, void*);
+
+// Keeps a callback and its argument together, so that the one is never called with the argument of
+// the other. Taken with no other lock held, and not during the call.
+std::mutex s_callbackMutex;
+
+std::pair<Callback, void*> registered(CKypScanClient const& client) {
+    std::lock_guard<std::mutex> lock(s_callbackMutex);
+    return {client.m_callback.load(std::memory_order_relaxed),
+            client.m_userData.load(std::memory_order_relaxed)};
+}
 
 // A set has no room for a descriptor beyond its size, and one of -1 must not be tested at all.
 bool is_selectable(int fd) {
@@ -179,6 +192,7 @@ void scan(CKypScanClient& client, std::unordered_map<std::string, _NetAdapterObj
 
 void pass(CKypScanClient& client) {
     const auto list = client.GetLocalAdapterList();
+    // Kept: what reaches the sockets of a shut gate waits there and is reported when it opens.
     if (list.empty() || !client.m_scanning.load(std::memory_order_relaxed)) {
         CComm::Sleep(kIdleSleepMs);
         return;
@@ -252,11 +266,9 @@ int CKypScanClient::stopScan() {
 }
 
 int CKypScanClient::registerKypSacnEvent(void (*cb)(_KypDevice, void*), void* user) {
-    // Through null, so that the scan thread never takes the one callback with the other's argument:
-    // it takes both only when the callback is the same before and behind the argument.
-    m_callback.store(nullptr, std::memory_order_relaxed);
-    m_userData.store(user, std::memory_order_release);
-    m_callback.store(cb, std::memory_order_release);
+    std::lock_guard<std::mutex> lock(s_callbackMutex);
+    m_userData.store(user, std::memory_order_relaxed);
+    m_callback.store(cb, std::memory_order_relaxed);
     return 0;
 }
 
@@ -353,9 +365,8 @@ int CKypScanClient::notify(char* payload, int len, sockaddr_in* from) {
         return -1;
     }
 
-    auto const callback = m_callback.load(std::memory_order_acquire);
-    void* const user = m_userData.load(std::memory_order_acquire);
-    if (callback == nullptr || callback != m_callback.load(std::memory_order_relaxed)) return 0;
+    auto const [callback, user] = registered(*this);
+    if (callback == nullptr) return 0;
     if (!m_scanning.load(std::memory_order_relaxed)) return 0;
     route_device(device);
     callback(device, user);

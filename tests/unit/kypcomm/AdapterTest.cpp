@@ -11,9 +11,9 @@
 #include <cstring>
 #include <set>
 
-#include "NetInterface.h"
 #include "support/CallGate.h"
 #include "support/LogCapture.h"
+#include "support/NetInterface.h"
 
 namespace {
 

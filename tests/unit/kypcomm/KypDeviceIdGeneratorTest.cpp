@@ -9,10 +9,10 @@
 #include <sstream>
 #include <thread>
 
-#include "NetInterface.h"
 #include "kypcomm/KypDeviceId.h"
 #include "support/CallGate.h"
 #include "support/LogCapture.h"
+#include "support/NetInterface.h"
 
 namespace {
 

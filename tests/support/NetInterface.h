@@ -2,8 +2,8 @@
 //
 // Owns:     the interface and the far end of its cable, whose name begins with "tap" so that no
 //           list shows it.
-#ifndef KYP_TESTS_UNIT_KYPCOMM_NETINTERFACE_H
-#define KYP_TESTS_UNIT_KYPCOMM_NETINTERFACE_H
+#ifndef KYP_TESTS_SUPPORT_NETINTERFACE_H
+#define KYP_TESTS_SUPPORT_NETINTERFACE_H
 
 #include <gtest/gtest.h>
 
