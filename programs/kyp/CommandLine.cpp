@@ -13,6 +13,7 @@
 #include "kyp/PingCommand.h"
 #include "kyp/PubCommand.h"
 #include "kyp/RequestCommand.h"
+#include "kyp/ScanCommand.h"
 #include "kyp/SubCommand.h"
 
 namespace kyptool {
@@ -101,6 +102,7 @@ CCommandLine::CCommandLine()
     m_app->footer(kFooter);
     m_app->require_subcommand(0, 1);
     add_global_options(*m_app, m_settings);
+    enter(std::make_unique<CScanCommand>());
     enter(std::make_unique<CIdCommand>());
     enter(std::make_unique<CPingCommand>());
     enter(std::make_unique<CRequestCommand>(CRequestCommand::READ));

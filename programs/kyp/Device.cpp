@@ -96,7 +96,7 @@ CDevice& CDevice::open(Target const& target, Duration timeout, WhenDown whenDown
     if (target.isLocal) {
         throw unreachable("no server at " + printable(target.path), KYP_ERR_SERVER_NOT_RUNNING);
     }
-    throw unreachable(target.text + " cannot be reached", KYP_ERR_CONNECT_TIMEOUT);
+    throw unreachable(place_of(target) + " cannot be reached", KYP_ERR_CONNECT_TIMEOUT);
 }
 
 void CDevice::close_all() {

@@ -28,10 +28,6 @@ Request identity_request(uint16_t cmd, uint32_t indexGroup, uint32_t indexOffset
     return request;
 }
 
-std::string host_words(Target const& target) {
-    return printable(target.text) + (target.text == target.host ? "" : " at " + target.host);
-}
-
 }  // namespace
 
 CLI::App* CIdCommand::enter(CLI::App& app, Settings& settings) {
@@ -77,7 +73,7 @@ _KypDeviceId CIdCommand::read_id(Settings const& settings) const {
                 .ask(request, settings.timeout, "the id of " + printable(target.text));
         memcpy(&id, payload.data(), std::min(payload.size(), sizeof id));
     } else {
-        must_succeed("the id of " + host_words(target),
+        must_succeed("the id of " + place_of(target),
                      libkyp_getRemoteKypDeviceId(target.host.c_str(),
                                                  milliseconds_of(settings.timeout), &id));
     }
@@ -86,8 +82,7 @@ _KypDeviceId CIdCommand::read_id(Settings const& settings) const {
 
 void CIdCommand::assign_id(Settings const& settings, _KypDeviceId const& id) const {
     Target const& target = settings.target;
-    std::string const what =
-        "a new id for " + (target.isLocal ? printable(target.text) : host_words(target));
+    std::string const what = "a new id for " + place_of(target);
     if (!target.isLocal) {
         must_succeed(what, libkyp_setRemoteKypDeviceId(target.host.c_str(), id_text(id).c_str(),
                                                        milliseconds_of(settings.timeout)));

@@ -1,5 +1,6 @@
 #include "kyp/Target.h"
 
+#include "kyp/KnownDevices.h"
 #include "kyp/Values.h"
 #include "kypcomm/KypWire.h"
 
@@ -27,6 +28,12 @@ std::optional<Target> parse_device(std::string const& text) {
     Target target;
     target.id = *id;
     target.host = at == std::string::npos ? host_in(*id) : text.substr(at + 1);
+    if (at == std::string::npos) {
+        if (auto const known = known_address(text)) {
+            target.host = *known;
+            target.isRemembered = true;
+        }
+    }
     if (!is_ipv4(target.host)) return std::nullopt;
     return target;
 }
@@ -57,6 +64,13 @@ std::optional<Target> parse_target(std::string const& text) {
     auto target = parse_kind(text);
     if (target) target->text = text;
     return target;
+}
+
+std::string place_of(Target const& target) {
+    std::string const text = printable(target.text);
+    bool const isShown = target.isLocal || text.find(target.host) != std::string::npos;
+    if (isShown) return text;
+    return text + " at " + target.host + (target.isRemembered ? " (where a scan has seen it)" : "");
 }
 
 }  // namespace kyptool

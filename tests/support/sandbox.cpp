@@ -233,6 +233,7 @@ void end_orphans() {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         sigprocmask(SIG_SETMASK, &callersMask, nullptr);
         setenv("KYP_SANDBOX", road.name, 1);
+        setenv("XDG_CACHE_HOME", "/tmp/.cache", 1);  // programs keep what they remember there
         execvp(command[0], command);
         fprintf(stderr, "kyp_sandbox: cannot run %s: %s\n", command[0], strerror(errno));
         _exit(kCannotRun);
