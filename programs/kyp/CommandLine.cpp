@@ -14,6 +14,7 @@
 #include "kyp/PubCommand.h"
 #include "kyp/RequestCommand.h"
 #include "kyp/ScanCommand.h"
+#include "kyp/SendCommand.h"
 #include "kyp/SubCommand.h"
 
 namespace kyptool {
@@ -110,6 +111,7 @@ CCommandLine::CCommandLine()
     enter(std::make_unique<CRequestCommand>(CRequestCommand::CALL));
     enter(std::make_unique<CPubCommand>());
     enter(std::make_unique<CSubCommand>());
+    enter(std::make_unique<CSendCommand>());
     enter(std::make_unique<CBenchCommand>());
 }
 
