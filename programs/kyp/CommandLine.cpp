@@ -15,6 +15,7 @@
 #include "kyp/RequestCommand.h"
 #include "kyp/ScanCommand.h"
 #include "kyp/SendCommand.h"
+#include "kyp/StatCommand.h"
 #include "kyp/SubCommand.h"
 
 namespace kyptool {
@@ -112,6 +113,7 @@ CCommandLine::CCommandLine()
     enter(std::make_unique<CPubCommand>());
     enter(std::make_unique<CSubCommand>());
     enter(std::make_unique<CSendCommand>());
+    enter(std::make_unique<CStatCommand>());
     enter(std::make_unique<CBenchCommand>());
 }
 

@@ -67,7 +67,7 @@ TEST_F(CommandLineTest, TakesGlobalOptionsBehindACommand) {
 }
 
 TEST_F(CommandLineTest, TakesTheTargetAsAWord) {
-    for (char const* name : {"id", "ping", "bench"}) {
+    for (char const* name : {"id", "ping", "stat", "bench"}) {
         SCOPED_TRACE(name);
         CCommandLine line;
         std::vector<char const*> const words = {"kyp", name, "10.0.0.1"};
@@ -119,6 +119,9 @@ TEST_F(CommandLineTest, SaysWhatIsWrongAndWhereHelpIs) {
         {{"ping", "-s", "6291435"}, "is no size of 0 to 6291434 bytes"},
         {{"pub", ""}, "a topic has a name"},
         {{"sub"}, "TOPIC is required"},
+        {{"send"}, "FILE is required"},
+        {{"scan", "-d", "long"}, "'long' is no time"},
+        {{"stat", "--watch=x"}, "'x' is no time such as 2 or 0.5s"},
         {{"bench", "-s", "1,,2"}, "'1,,2' is no list of sizes"},
         {{"bench", "-n", "257"}, "'257' is no number of 1 to 256"},
     };
@@ -134,7 +137,8 @@ TEST_F(CommandLineTest, SaysWhatIsWrongAndWhereHelpIs) {
 }
 
 TEST_F(CommandLineTest, EveryCommandTellsItsOptionsAndTheGlobalOnes) {
-    for (char const* name : {"id", "ping", "read", "write", "call", "pub", "sub", "bench"}) {
+    for (char const* name :
+         {"scan", "id", "ping", "read", "write", "call", "pub", "sub", "send", "stat", "bench"}) {
         SCOPED_TRACE(name);
         CCommandLine line;
         std::vector<char const*> const words = {"kyp", name, "--help"};
