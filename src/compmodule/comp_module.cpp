@@ -5,6 +5,7 @@
 
 #include "compmodule/business_data_layer.h"
 #include "compmodule/comp_init_sys.h"
+#include "compmodule/ivshm_svr_group.h"
 #include "compmodule/net_channel.h"
 #include "kypcomm/KypStatus.h"
 #include "kypcomm/pbuf/RecvBuf.h"
@@ -157,7 +158,13 @@ int CompModule::init_comp_config() {
 }
 
 int CompModule::init_ivshm_channel() {
-    return -1;
+    if (!conf.ivshm_enable) return -1;
+    ivshmGroup = IvshmSvrGroup::makeIvshmGroup(conf.ivshm_group, conf.ivshm_maxsize);
+    if (ivshmGroup == nullptr) return -1;
+    // Kept: a group whose topics cannot be opened stays with the module.
+    if (!ivshmGroup->init_ivshm_topic()) return -1;
+    (void)ivshmGroup->start();
+    return 0;
 }
 
 int CompModule::uninit_comp_module() {
@@ -167,6 +174,7 @@ int CompModule::uninit_comp_module() {
     netChannel = nullptr;
     delete connConfig;
     connConfig = nullptr;
+    if (ivshmGroup != nullptr) IvshmSvrGroup::destoryIvshmGroup(ivshmGroup);
     return 0;
 }
 
@@ -181,6 +189,7 @@ int CompModule::start() {
 int CompModule::stop() {
     if (dataLayer != nullptr) (void)dataLayer->stop();
     clear_bits(*this, COMP_STATE_STARTED);
+    if (ivshmGroup != nullptr) (void)ivshmGroup->stop();
     return 0;
 }
 
