@@ -126,6 +126,7 @@ CompModule::CompModule(tagCmpDrvInfo* info, KypCmpCallback callback, void* arg)
       ivshmGroup(nullptr),
       dataLayer(new BusinessDataLayer(&drvInfo, netChannel)),
       registerArg(arg),
+      // Kept: nothing ever calls it.
       registerCallback(callback) {
     conf.cmpName = drvInfo.name;
 }

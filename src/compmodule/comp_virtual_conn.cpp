@@ -110,6 +110,7 @@ void VirtualConn::Open(short index) {
 }
 
 int VirtualConn::Close() {
+    // Kept: client and channel stay, so an answer that comes late is still sent.
     generation.fetch_add(1, kRelaxed);
     connIndex.store(-1, kRelaxed);
     return -1;

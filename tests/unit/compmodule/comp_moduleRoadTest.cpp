@@ -49,8 +49,11 @@ protected:
         m_module->dataLayer->reconnectTimer.m_nanoseconds -= kTenSeconds;
     }
 
-    // Nothing but the flag ends the thread.
-    ~CompModuleRoadTest() override {
+    ~CompModuleRoadTest() override { end_thread(); }
+
+    // Nothing but the flag ends the thread. A test whose route uses the test's own objects ends it
+    // while they are there.
+    void end_thread() {
         if (!m_module->dataLayer->netThread.joinable()) return;
         m_module->dataLayer->stopFlag = true;
         m_module->dataLayer->netThread.join();
@@ -131,6 +134,7 @@ TEST_F(CompModuleRoadTest, AnAnswerMayComeLaterAndFromAnyThread) {
     }).join();
     EXPECT_EQ(hex(answer_frame(600, 9, 1, 5, text("CD"), KYP_ERR_INDEX_GROUP)),
               hex(m_server.receive()));
+    end_thread();
 }
 
 // Answers requests on threads of its own.
@@ -213,6 +217,7 @@ TEST_F(CompModuleRoadTest, FiveHundredClientsAreAnsweredEachOnItsOwn) {
     EXPECT_EQ(hex(answer_frame(600, 9, 1, 501, {}, KYP_ERR_CLIENT_LIMIT)), hex(m_server.receive()));
     m_server.send(leave_frame(600, 17));
     expect_exchange(501, "AB");
+    end_thread();
 }
 
 TEST_F(CompModuleRoadTest, AServerThatWasAwayIsFoundLater) {
@@ -268,6 +273,7 @@ TEST_F(CompModuleRoadTest, ALinkThatAnAnswerFindsLostIsJoinedAgain) {
 
     expect_registration();
     expect_exchange(5, "AB");
+    end_thread();
 }
 
 TEST_F(CompModuleRoadTest, ALinkThatAPortExchangeFindsLostIsJoinedAgain) {
@@ -302,6 +308,7 @@ TEST_F(CompModuleRoadTest, APortMayBeRegisteredInACallback) {
     EXPECT_EQ(0, registered.get_future().get());
     ASSERT_TRUE(m_server.send(forward_frame(601, 9, 2, 5, text("AB"))));
     EXPECT_EQ(hex(answer_frame(601, 9, 2, 5, text("AB"))), hex(m_server.receive()));
+    end_thread();
 }
 
 TEST_F(CompModuleRoadTest, KeepsUnregisteredBehindAFrameWithABadPort) {
