@@ -1,9 +1,13 @@
 #include "kypserver/Connections.h"
 
+#include <poll.h>
+#include <sys/socket.h>
+
 #include <utility>
 
 #include "kypcore/ISocketServer.h"
 #include "kypcore/SocketConnection.h"
+#include "kypcore/TcpDomainServer.h"
 
 namespace kypserver {
 
@@ -26,6 +30,12 @@ std::string peer_name(IConnection* conn) {
         if (c < ' ' || c > '~') c = '?';
     }
     return name.empty() ? "local client " + std::to_string(conn->get_fd()) : name;
+}
+
+bool came_by_path(IConnection* conn) {
+    auto* const socketConn = dynamic_cast<CSocketConnection*>(conn);
+    return socketConn != nullptr &&
+           dynamic_cast<TcpDomainserver*>(socketConn->m_pServer) != nullptr;
 }
 
 }  // namespace
@@ -57,10 +67,29 @@ bool CConnections::is_open(IConnection* conn) const {
     return m_open.count(conn) != 0;
 }
 
+bool CConnections::is_local(IConnection* conn) const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto const found = m_open.find(conn);
+    return found != m_open.end() && found->second.isLocal;
+}
+
+void CConnections::hang_up(IConnection* conn) const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_open.count(conn) != 0) (void)shutdown(conn->get_fd(), SHUT_RDWR);
+}
+
+bool CConnections::has_hung_up(IConnection* conn) const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_open.count(conn) == 0) return false;
+
+    pollfd peer = {conn->get_fd(), POLLRDHUP, 0};
+    return poll(&peer, 1, 0) == 1;
+}
+
 std::string CConnections::name(IConnection* conn) const {
     std::lock_guard<std::mutex> lock(m_mutex);
     auto const found = m_open.find(conn);
-    return found != m_open.end() ? found->second : "a datagram";
+    return found != m_open.end() ? found->second.name : "a datagram";
 }
 
 size_t CConnections::count() const {
@@ -69,10 +98,10 @@ size_t CConnections::count() const {
 }
 
 void CConnections::begin(IConnection* conn) {
-    std::string name = peer_name(conn);
+    Peer peer = {peer_name(conn), came_by_path(conn)};
     {
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_open[conn] = std::move(name);
+        m_open[conn] = std::move(peer);
     }
     for (auto const& listener : m_beginListeners) listener(conn);
 }

@@ -39,6 +39,15 @@ public:
     // False as soon as the connection has begun to close, and for whatever is not a stream.
     bool is_open(IConnection* conn) const;
 
+    // Open, and over the Unix-domain socket.
+    bool is_local(IConnection* conn) const;
+
+    // Ends an open connection, from any thread: its loop finds the end of the stream and closes.
+    void hang_up(IConnection* conn) const;
+
+    // Has the peer of an open connection closed it, also when the loop has not found out yet?
+    bool has_hung_up(IConnection* conn) const;
+
     // What to call the peer in a message.
     std::string name(IConnection* conn) const;
 
@@ -48,11 +57,18 @@ public:
     void end(IConnection* conn);
 
 private:
+    struct Peer {
+        std::string name;
+        bool isLocal;
+    };
+
     size_t const m_limit;
     std::vector<std::function<void(IConnection*)>> m_beginListeners;
     std::vector<std::function<void(IConnection*)>> m_endListeners;
-    mutable std::mutex m_mutex;                            // guards m_open; innermost
-    std::unordered_map<IConnection*, std::string> m_open;  // with the peer's name
+    // Guards m_open; innermost. Whoever holds it and finds a connection there may use its
+    // descriptor: it is closed behind end().
+    mutable std::mutex m_mutex;
+    std::unordered_map<IConnection*, Peer> m_open;
 };
 
 }  // namespace kypserver

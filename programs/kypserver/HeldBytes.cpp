@@ -51,6 +51,11 @@ void CHeldBytes::answering(IConnection* conn, size_t payload) {
     add(conn, cost(kAnswerHeads + payload));
 }
 
+bool CHeldBytes::has_room(IConnection* conn, size_t payload) const {
+    size_t const now = held(conn);
+    return now == 0 || now + kAnswerHeads + payload + kPerMessage <= m_limit;
+}
+
 void CHeldBytes::left(IConnection* conn, unsigned short port, size_t size) {
     if (can_have_service(port)) return add(conn, -cost(size));
 

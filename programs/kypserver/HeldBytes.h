@@ -44,6 +44,9 @@ public:
     // An answer with `payload` bytes is about to be queued.
     void answering(IConnection* conn, size_t payload);
 
+    // May an answer with `payload` bytes be added to what is held?
+    bool has_room(IConnection* conn, size_t payload) const;
+
     // An answer of `size` bytes, heads included, has left whole or is given up. The library answers
     // on ports that cannot have a service by itself: there the answer tells that its request has
     // been served.

@@ -1,8 +1,12 @@
 #include "kypserver/SendLedger.h"
 
+#include <utility>
+
+#include "kypcomm/pbuf/CMsgHeader.h"
 #include "kypcomm/pbuf/pbuf.h"
 #include "kypcomm/pbuf/pbufpool.h"
-#include "kypcore/IConnection.h"
+#include "kypcore/SocketConnection.h"
+#include "kypserver/ComponentFrames.h"
 #include "kypserver/Connections.h"
 #include "utils/Log.h"
 
@@ -10,7 +14,9 @@ namespace kypserver {
 
 namespace {
 
-pbuf* make_frame(_KypHeader const& head, _AoEHeader const& aoe, char const* data, size_t size) {
+// Null for more than any buffer holds.
+std::unique_ptr<CMsgHeader> make_frame(_KypHeader const& head, _AoEHeader const& aoe,
+                                       char const* data, size_t size) {
     size_t const total = sizeof head + sizeof aoe + size;
     pbuf* const buf = take_pbuf(utility::instance<server_bufpool>(), static_cast<int>(total));
     if (buf == nullptr) return nullptr;
@@ -18,31 +24,74 @@ pbuf* make_frame(_KypHeader const& head, _AoEHeader const& aoe, char const* data
     if (size > 0) buf->prepend(data, static_cast<unsigned int>(size));
     buf->prepend(&aoe, sizeof aoe);
     buf->prepend(&head, sizeof head);
-    return buf;
+    auto frame = std::make_unique<CMsgHeader>(MSG_MODE_SEND, MSG_TYPE_STREAM);
+    frame->setpBuf(buf, 0);
+    return frame;
+}
+
+// A buffer that is filled from the back can go any way; another one needs the queue of a socket.
+void send(IConnection* conn, std::unique_ptr<CMsgHeader> frame) {
+    if (frame->m_enMode == MSG_MODE_SEND) {
+        conn->send_message(frame->pop_pBuf(), {});
+        return;
+    }
+    send_frame(static_cast<CSocketConnection*>(conn), std::move(frame));
 }
 
 }  // namespace
 
+CSendLedger::Link::Link() = default;
+CSendLedger::Link::~Link() = default;
+
 CSendLedger::CSendLedger(CConnections const& connections, size_t maxWaitingBytes)
-    : m_connections(connections), m_maxWaitingBytes(maxWaitingBytes), m_dropped(0), m_frames(0) {}
+    : m_connections(connections),
+      m_maxWaitingBytes(maxWaitingBytes),
+      m_dropped(0),
+      m_frames(0),
+      m_lastTicket(0) {}
 
 CSendLedger::Offer CSendLedger::offer(IConnection* conn, _KypHeader const& head,
                                       _AoEHeader const& aoe, char const* data, size_t size) {
-    size_t const total = sizeof head + sizeof aoe + size;
     std::lock_guard<std::mutex> lock(m_mutex);
     Link& link = m_links[conn];
-    size_t const behind = link.frames.empty() ? 0 : link.waiting - link.frames.front().size;
-    if (behind > 0 && behind + total > m_maxWaitingBytes) return drop(link);
+    if (!has_room(link, sizeof head + sizeof aoe + size)) return drop(link);
 
-    pbuf* const buf = make_frame(head, aoe, data, size);
-    if (buf == nullptr) return drop(link);  // larger than any frame that a peer can have sent
-
-    // Noted before it is queued, since it may have left when send_message() returns.
-    link.frames.push_back({buf, total});
-    link.waiting += total;
-    m_frames.fetch_add(1, std::memory_order_relaxed);
-    conn->send_message(buf, aoe);
+    std::unique_ptr<CMsgHeader> frame = make_frame(head, aoe, data, size);
+    if (frame == nullptr) return drop(link);  // larger than any frame that a peer can have sent
+    queue(conn, link, std::move(frame));
     return QUEUED;
+}
+
+CSendLedger::Offer CSendLedger::offer(CSocketConnection* conn, std::unique_ptr<CMsgHeader> frame) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Link& link = m_links[conn];
+    if (!has_room(link, static_cast<size_t>(frame->GetVaildSize()))) return drop(link);
+
+    queue(conn, link, std::move(frame));
+    return QUEUED;
+}
+
+void CSendLedger::push(CSocketConnection* conn, std::unique_ptr<CMsgHeader> frame) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    queue(conn, m_links[conn], std::move(frame));
+}
+
+uint32_t CSendLedger::hold(IConnection* conn) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (++m_lastTicket == 0) ++m_lastTicket;
+    m_links[conn].hold = m_lastTicket;
+    return m_lastTicket;
+}
+
+void CSendLedger::release(IConnection* conn, uint32_t ticket) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto const found = m_links.find(conn);
+    if (found == m_links.end() || found->second.hold != ticket) return;
+
+    Link& link = found->second;
+    link.hold = 0;
+    for (std::unique_ptr<CMsgHeader>& frame : link.kept) send(conn, std::move(frame));
+    link.kept.clear();
 }
 
 bool CSendLedger::left(IConnection* conn, pbuf const* buf) {
@@ -82,6 +131,22 @@ size_t CSendLedger::waiting(IConnection* conn) const {
 
 uint64_t CSendLedger::dropped() const {
     return m_dropped.load(std::memory_order_relaxed);
+}
+
+// The caller holds m_mutex.
+bool CSendLedger::has_room(Link const& link, size_t size) const {
+    size_t const behind = link.frames.empty() ? 0 : link.waiting - link.frames.front().size;
+    return behind == 0 || behind + size <= m_maxWaitingBytes;
+}
+
+// The caller holds m_mutex.
+void CSendLedger::queue(IConnection* conn, Link& link, std::unique_ptr<CMsgHeader> frame) {
+    // Noted before it is queued, since it may have left when it is.
+    link.frames.push_back({frame->getpBuf(), static_cast<size_t>(frame->GetVaildSize())});
+    link.waiting += link.frames.back().size;
+    m_frames.fetch_add(1, std::memory_order_relaxed);
+    if (link.hold == 0) return send(conn, std::move(frame));
+    link.kept.push_back(std::move(frame));
 }
 
 // The caller holds m_mutex.

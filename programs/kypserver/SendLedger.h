@@ -16,11 +16,15 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <unordered_map>
+#include <vector>
 
 #include "kypcomm/KypWire.h"
 
+class CMsgHeader;
+class CSocketConnection;
 class IConnection;
 class pbuf;
 
@@ -46,6 +50,17 @@ public:
     Offer offer(IConnection* conn, _KypHeader const& head, _AoEHeader const& aoe, char const* data,
                 size_t size);
 
+    // The same for a whole frame that is ready to be queued.
+    Offer offer(CSocketConnection* conn, std::unique_ptr<CMsgHeader> frame);
+
+    // Queues a frame that must not be dropped, however much waits.
+    void push(CSocketConnection* conn, std::unique_ptr<CMsgHeader> frame);
+
+    // From now on frames for `conn` are kept here in their order, and count as waiting, until
+    // release() with the ticket that this returns; a later hold() makes the ticket void.
+    uint32_t hold(IConnection* conn);
+    void release(IConnection* conn, uint32_t ticket);
+
     // The frame in `buf` has left towards `conn` whole. Returns false when it was queued by
     // somebody else.
     bool left(IConnection* conn, pbuf const* buf);
@@ -63,19 +78,27 @@ private:
         size_t size;
     };
     struct Link {
-        std::deque<Frame> frames;  // in the order of the connection's queue
+        Link();
+        ~Link();
+
+        std::deque<Frame> frames;  // in the order of the connection's queue, then those kept here
         size_t waiting = 0;        // bytes in `frames`, with the first
         uint64_t dropped = 0;      // frames of the present burst, 0 outside one
+        uint32_t hold = 0;         // the ticket of hold(), 0 while frames go their way
+        std::vector<std::unique_ptr<CMsgHeader>> kept;
     };
 
+    bool has_room(Link const& link, size_t size) const;
+    void queue(IConnection* conn, Link& link, std::unique_ptr<CMsgHeader> frame);
     Offer drop(Link& link);
 
     CConnections const& m_connections;
     size_t const m_maxWaitingBytes;
     std::atomic<uint64_t> m_dropped;
     std::atomic<size_t> m_frames;  // in all links; spares left() the lock while there are none
-    mutable std::mutex m_mutex;    // guards m_links
+    mutable std::mutex m_mutex;    // guards what follows
     std::unordered_map<IConnection*, Link> m_links;
+    uint32_t m_lastTicket;
 };
 
 }  // namespace kypserver

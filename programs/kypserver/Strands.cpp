@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "kypcore/SocketConnection.h"
+#include "kypserver/ComponentFrames.h"
 #include "kypserver/FrameHandler.h"
 
 namespace kypserver {
@@ -10,18 +11,6 @@ namespace kypserver {
 namespace {
 
 constexpr size_t kFirstPlaces = 8;
-
-// The same message with the same buffer, for whoever keeps it longer than the worker does.
-std::unique_ptr<CMsgHeader> take_over(CMsgHeader& msg) {
-    auto own = std::make_unique<CMsgHeader>(MSG_MODE_RECV, msg.m_enType);
-    own->m_pConn = msg.m_pConn;
-    own->m_nSequence = msg.m_nSequence;
-    own->m_nInvokeId = msg.m_nInvokeId;
-    own->m_recvBuf.m_begin = msg.m_recvBuf.m_begin;
-    own->m_recvBuf.m_end = msg.m_recvBuf.m_end;
-    own->m_recvBuf.m_pbuf = msg.pop_pBuf();
-    return own;
-}
 
 }  // namespace
 

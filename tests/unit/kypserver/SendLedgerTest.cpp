@@ -2,9 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <memory>
 #include <string>
+#include <utility>
 
 #include "FakeConn.h"
+#include "FakeSocketConn.h"
 #include "kypserver/Connections.h"
 #include "support/FrameBytes.h"
 #include "support/LogCapture.h"
@@ -125,6 +129,101 @@ TEST_F(SendLedgerTest, OneSlowPeerDoesNotTouchAnother) {
     EXPECT_EQ(CSendLedger::DROPPED_FIRST, offer());
 
     EXPECT_EQ(CSendLedger::QUEUED, m_ledger.offer(&other, {0, 1, 103, 13}, {}, nullptr, 0));
+}
+
+// Frames that go into the queue of a socket as they are.
+class SendLedgerFrameTest : public testing::Test {
+protected:
+    // A frame of `size` bytes that does not stand at the end of its block.
+    static std::unique_ptr<CMsgHeader> frame(size_t size = 100, uint8_t fill = 'x') {
+        auto made = std::make_unique<CMsgHeader>(MSG_MODE_RECV, MSG_TYPE_STREAM);
+        made->setpBuf(take_pbuf(utility::instance<server_bufpool>(), static_cast<int>(size) + 99),
+                      48);
+        memset(made->GetVaildData(), fill, size);
+        made->addRecvBufSize(static_cast<int>(size));
+        return made;
+    }
+
+    CConnections m_connections{10};
+    CSendLedger m_ledger{m_connections, 300};
+    FakeSocketConn m_conn;
+};
+
+TEST_F(SendLedgerFrameTest, IsQueuedWhereItStands) {
+    std::unique_ptr<CMsgHeader> made = frame();
+    unsigned char* const at = made->GetVaildData();
+
+    EXPECT_EQ(CSendLedger::QUEUED, m_ledger.offer(&m_conn, std::move(made)));
+
+    ASSERT_EQ(1U, m_conn.m_queued.size());
+    EXPECT_EQ(at, m_conn.m_queued[0]->GetVaildData());
+    EXPECT_EQ(&m_conn, m_conn.m_queued[0]->m_pConn);
+    EXPECT_EQ(100U, m_ledger.waiting(&m_conn));
+    EXPECT_TRUE(m_ledger.left(&m_conn, m_conn.m_queued[0]->getpBuf()));
+    EXPECT_EQ(0U, m_ledger.waiting(&m_conn));
+}
+
+TEST_F(SendLedgerFrameTest, IsDroppedBeyondTheBoundUnlessItMustNotBe) {
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(CSendLedger::QUEUED, m_ledger.offer(&m_conn, frame()));
+    EXPECT_EQ(CSendLedger::DROPPED_FIRST, m_ledger.offer(&m_conn, frame(1)));
+
+    m_ledger.push(&m_conn, frame());
+
+    EXPECT_EQ(5U, m_conn.m_sent.size());
+    EXPECT_EQ(500U, m_ledger.waiting(&m_conn));
+}
+
+TEST_F(SendLedgerFrameTest, WaitsHereWhileItsConnectionIsHeld) {
+    uint32_t const ticket = m_ledger.hold(&m_conn);
+    m_ledger.offer(&m_conn, frame(100, 'a'));
+    m_ledger.offer(&m_conn, {0, 1, 103, 13}, {}, nullptr, 0);
+    m_ledger.push(&m_conn, frame(100, 'b'));
+    EXPECT_EQ(0U, m_conn.m_sent.size());
+    EXPECT_EQ(221U, m_ledger.waiting(&m_conn));
+
+    m_ledger.release(&m_conn, ticket);
+
+    ASSERT_EQ(3U, m_conn.m_sent.size());
+    EXPECT_EQ('a', m_conn.m_sent[0][0]);
+    EXPECT_EQ(21U, m_conn.m_sent[1].size());
+    EXPECT_EQ('b', m_conn.m_sent[2][0]);
+    for (auto const& queued : m_conn.m_queued) {
+        EXPECT_TRUE(m_ledger.left(&m_conn, queued->getpBuf()));
+    }
+    EXPECT_EQ(0U, m_ledger.waiting(&m_conn));
+    m_ledger.offer(&m_conn, frame());
+    EXPECT_EQ(4U, m_conn.m_sent.size());
+}
+
+TEST_F(SendLedgerFrameTest, TheBoundHoldsAlsoWhileItsConnectionIsHeld) {
+    m_ledger.hold(&m_conn);
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(CSendLedger::QUEUED, m_ledger.offer(&m_conn, frame()));
+
+    EXPECT_EQ(CSendLedger::DROPPED_FIRST, m_ledger.offer(&m_conn, frame(1)));
+}
+
+TEST_F(SendLedgerFrameTest, ALaterHoldMakesAnEarlierTicketVoid) {
+    uint32_t const first = m_ledger.hold(&m_conn);
+    uint32_t const second = m_ledger.hold(&m_conn);
+    m_ledger.offer(&m_conn, frame());
+
+    m_ledger.release(&m_conn, first);
+    EXPECT_EQ(0U, m_conn.m_sent.size());
+    m_ledger.release(&m_conn, second);
+    EXPECT_EQ(1U, m_conn.m_sent.size());
+}
+
+TEST_F(SendLedgerFrameTest, WhatIsKeptGoesWithItsConnection) {
+    uint32_t const ticket = m_ledger.hold(&m_conn);
+    m_ledger.offer(&m_conn, frame());
+
+    m_ledger.closed(&m_conn);
+    m_ledger.release(&m_conn, ticket);
+
+    EXPECT_EQ(0U, m_conn.m_sent.size());
+    EXPECT_EQ(0U, m_ledger.waiting(&m_conn));
+    m_ledger.offer(&m_conn, frame());
+    EXPECT_EQ(1U, m_conn.m_sent.size());
 }
 
 }  // namespace
