@@ -35,6 +35,13 @@ bool CPortTable::serve_in_order(unsigned short port, IFrameHandler& handler) {
     return true;
 }
 
+void CPortTable::serve_range(unsigned short first, unsigned short last, IFrameHandler& handler) {
+    for (unsigned int port = first; port <= last; ++port) {
+        if (m_routes.m_ports[port].m_bUsed != 0) continue;
+        serve_in_order(static_cast<unsigned short>(port), handler);
+    }
+}
+
 void CPortTable::refuse_the_rest() {
     for (unsigned short port = kLowestPort; port <= kHighestPort; ++port) {
         if (m_routes.m_ports[port].m_bUsed == 0) m_routes.addCmpPortRoute(port, refuse, this);

@@ -25,6 +25,10 @@ public:
     // not one.
     bool serve(IService& service);
 
+    // Gives the frames of the ports from `first` to `last` that are free to `handler`, those of one
+    // connection in order.
+    void serve_range(unsigned short first, unsigned short last, IFrameHandler& handler);
+
     // Refuses requests on every port that is still free.
     void refuse_the_rest();
 

@@ -35,6 +35,7 @@ Request read_request(CMsgHeader& msg, _KypHeader const& head, _AoEHeader const& 
     request.head.error = utils_ntohl(aoe.error);
     request.head.conn = msg.m_pConn;
     request.held = &held;
+    request.state = aoe.state;
     return request;
 }
 

@@ -18,7 +18,8 @@ struct Request {
     char const* data;
     unsigned int size;  // bytes of `data`
     _msg_request head;
-    CHeldBytes* held = nullptr;  // counts its answer, too; null where nobody counts
+    CHeldBytes* held = nullptr;               // counts its answer, too; null where nobody counts
+    unsigned char state = KYP_STATE_REQUEST;  // for a service in order; the others are not told
 };
 
 // Serves one logical port.

@@ -11,14 +11,17 @@
 #include "kypserver/Connections.h"
 #include "kypserver/EchoService.h"
 #include "kypserver/Endpoints.h"
+#include "kypserver/Errands.h"
 #include "kypserver/HeldBytes.h"
 #include "kypserver/IdentityService.h"
 #include "kypserver/Options.h"
 #include "kypserver/PortTable.h"
+#include "kypserver/RegistrationService.h"
 #include "kypserver/SendLedger.h"
 #include "kypserver/ServerCore.h"
 #include "kypserver/ServerLog.h"
 #include "kypserver/Strands.h"
+#include "kypserver/Switchboard.h"
 #include "kypserver/TopicBroker.h"
 #include "utils/Log.h"
 
@@ -95,17 +98,23 @@ int main(int argc, char** argv) {
     CEchoService echo;
     CIdentityService identity(options.allowSetId);
     CTopicBroker topics(connections, ledger, options.maxTopics);
+    CSwitchboard switchboard(connections, ledger, held);
+    CErrands errands;
+    CRegistrationService registration(connections, switchboard, ledger, errands);
     connections.on_end([&](IConnection* conn) {
         strands.end(conn);
         topics.end(conn);
+        switchboard.end(conn);
         ledger.closed(conn);  // last: nothing more is offered now
     });
 
     CPortTable ports(utility::instance<RouteManage>(), held, strands);
-    for (IService* service : {static_cast<IService*>(&echo), static_cast<IService*>(&identity),
-                              static_cast<IService*>(&topics)}) {
+    for (IService* service :
+         {static_cast<IService*>(&echo), static_cast<IService*>(&identity),
+          static_cast<IService*>(&registration), static_cast<IService*>(&topics)}) {
         ports.serve(*service);
     }
+    ports.serve_range(kHighestReservedPort + 1, kHighestPort, switchboard);
     ports.refuse_the_rest();
 
     CEndpoints endpoints(options, connections, ledger, held, strands);

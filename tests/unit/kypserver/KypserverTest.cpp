@@ -257,9 +257,8 @@ TEST_F(KypserverTest, SubscriptionsAndPublicationsOfOneConnectionKeepTheirOrder)
     RawPeer peer = RawPeer::connect_unix(kPath);
     Bytes all;
     for (uint32_t i = 0; i < kRounds; ++i) {
-        for (Bytes const& frame :
-             {subscribe_frame(1, "a"), publish_frame(2, "a", {}, 1, i), unsubscribe_frame(3, "a"),
-              publish_frame(4, "a", {}, 2, i)}) {
+        for (Bytes const& frame : {subscribe_frame(1, "a"), publish_frame(2, "a", {}, 1, i),
+                                   unsubscribe_frame(3, "a"), publish_frame(4, "a", {}, 2, i)}) {
             all.insert(all.end(), frame.begin(), frame.end());
         }
     }
