@@ -26,7 +26,8 @@ enum KypFileState {
  * progress    chunks sent of all, 0 to 1; stays 0 for an empty file
  * error       0 or a status: the device's own, or
  *               KYP_ERR_OPEN_FILE    first report only: the file cannot be opened
- *               KYP_ERR_INPUT_PARAM  first report only: a path is longer than 255 bytes and was cut
+ *               KYP_ERR_INPUT_PARAM  first report only: a path is longer than 255 bytes and was
+ *                                    cut; a file of the shorter name may be open or not
  *               KYP_ERR_TRANSFER     no answer in time or no link; this is the last report
  * state       a KypFileState
  * user        as given to KypFileTransfer

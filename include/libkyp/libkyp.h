@@ -72,8 +72,9 @@ KYP_API char const* libkyp_strerror(int code);
  * the version, sets the log threshold to LOG_LEVEL_DEBUG (1), fills the buffer pool, determines
  * this device's id and starts the scan thread "KypScan", which runs to the end of the process: it
  * lists the network interfaces about three times a second and sends nothing until
- * libkyp_startKypScan. Later calls do nothing, also after libkyp_destory. returns  0 thread   any;
- * who comes second waits for the first
+ * libkyp_startKypScan. Later calls do nothing, also after libkyp_destory.
+ * returns  0
+ * thread   any; who comes second waits for the first
  */
 KYP_API int libkyp_init(void);
 
@@ -81,8 +82,9 @@ KYP_API int libkyp_init(void);
  * Stops and releases every connection and frees the pooled buffers. All handles are void
  * afterwards. Waits for the receive threads, each for half a second or until its connection attempt
  * has ended. The rest of the library goes on, a scan too: new connections may be made without a
- * further libkyp_init, on buffers that are allocated as needed. returns  0 thread   any but a
- * callback's; no other call is under way on any handle
+ * further libkyp_init, on buffers that are allocated as needed.
+ * returns  0
+ * thread   any but a callback's; no other call is under way on any handle, and no file transfer
  */
 KYP_API int libkyp_destory(void);
 
@@ -452,8 +454,7 @@ KYP_API int KypSyncReadDeviceInfo(void);
  * Sends a file to a device, in the background and behind all transfers that are under way: one
  * worker of the process sends them one at a time, 8192 bytes an exchange. The first transfer to a
  * device makes a TCP connection, which takes up to 1500 ms of this call; it serves all later
- * transfers to that device and ends with libkyp_destory, behind which no transfer to that device
- * succeeds.
+ * transfers to that device and ends with libkyp_destory, behind which none succeeds.
  *
  *     static int on_progress(_KypDeviceId id, int transferId, float progress, int error, int state,
  *                            void* user) {
@@ -463,17 +464,19 @@ KYP_API int KypSyncReadDeviceInfo(void);
  *
  * addr         the device, and the logical port on which it takes files
  * indexGroup, indexOffset  not used
- * localPath    the file, up to 255 bytes of path; read while it is sent, not now. Its size counts
- * in 32 bits: files of 4 GiB and more are announced with a wrong one remotePath   where the device
- * is to put it, up to 255 bytes, as that device understands it. Both texts are copied; null stands
- * for an empty one callback     told of every step, also by this very call, before it returns; may
- * be null. Its result of -1 to any report ends the transfer. It must answer so to a first report
- *              with KYP_ERR_OPEN_FILE: such a transfer never ends by itself, keeps the worker busy
- *              and all others waiting. A device's refusal does not end a transfer either, and a
- *              file that cannot be read to its end is sent as far as it goes
+ * localPath    the file, up to 255 bytes of path; opened now, read while it is sent. Its size
+ *              counts in 32 bits: a file of 4 GiB or more is announced with a wrong one
+ * remotePath   where the device is to put it, up to 255 bytes, as that device understands it. Both
+ *              texts are copied; null stands for an empty one
+ * callback     told of every step, also by this very call, before it returns; may be null. Its
+ *              result of -1 to any report ends the transfer, and it must answer so to a first
+ *              report with an error: a transfer whose file cannot be opened never ends by itself,
+ *              keeps the worker busy and all others waiting. A device's refusal does not end a
+ *              transfer either, and a file that cannot be read to its end is sent as far as it
+ *              goes: KYP_FILE_FINISHED in the last report alone means success
  * user         handed to `callback`; stays valid for as long as reports come
- * returns      the number of the transfer, 0 for the first one of the process; failures are told to
- *              `callback` alone
+ * returns      the number of the transfer, 0 for the first one of the process; failures are told
+ *              to `callback` alone
  * thread       any, also from `callback`; not from a callback of a connection
  */
 KYP_API unsigned int KypFileTransfer(_KypDeviceAddr addr, unsigned int indexGroup,
