@@ -12,12 +12,12 @@
 #include <set>
 #include <thread>
 
-#include "ComponentFrames.h"
 #include "compmodule/business_data_layer.h"
 #include "compmodule/comp_module.h"
 #include "compmodule/net_channel.h"
 #include "kypcomm/KypStatus.h"
 #include "kypcore/IConnection.h"
+#include "support/ComponentFrames.h"
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
 #include "utils/Log.h"

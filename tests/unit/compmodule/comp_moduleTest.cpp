@@ -12,7 +12,6 @@
 #include <stdexcept>
 #include <thread>
 
-#include "ComponentFrames.h"
 #include "compmodule/business_data_layer.h"
 #include "compmodule/comp_init_sys.h"
 #include "compmodule/ivshm_svr_group.h"
@@ -22,6 +21,7 @@
 #include "kypcomm/pbuf/RecvBuf.h"
 #include "kypcomm/pbuf/pbufpool.h"
 #include "kypcore/router/RouteManage.h"
+#include "support/ComponentFrames.h"
 #include "support/LogCapture.h"
 #include "utils/Log.h"
 

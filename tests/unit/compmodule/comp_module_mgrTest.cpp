@@ -5,12 +5,12 @@
 #include <atomic>
 #include <thread>
 
-#include "ComponentFrames.h"
 #include "compmodule/business_data_layer.h"
 #include "compmodule/comp_module.h"
 #include "compmodule/net_channel.h"
 #include "kypcore/IConnection.h"
 #include "kypcore/router/RouteManage.h"
+#include "support/ComponentFrames.h"
 #include "support/Eventually.h"
 
 namespace {

@@ -7,11 +7,11 @@
 #include <map>
 #include <thread>
 
-#include "ComponentFrames.h"
 #include "compmodule/net_channel.h"
 #include "kypcomm/KypStatus.h"
 #include "kypcomm/pbuf/pbuf.h"
 #include "support/CallGate.h"
+#include "support/ComponentFrames.h"
 #include "support/LogCapture.h"
 
 namespace {

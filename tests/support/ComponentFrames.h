@@ -1,7 +1,7 @@
 // The frames between a component and the server, and the server's end of the channel as a test
 // plays it.
-#ifndef KYP_TESTS_UNIT_COMPMODULE_COMPONENTFRAMES_H
-#define KYP_TESTS_UNIT_COMPMODULE_COMPONENTFRAMES_H
+#ifndef KYP_TESTS_SUPPORT_COMPONENTFRAMES_H
+#define KYP_TESTS_SUPPORT_COMPONENTFRAMES_H
 
 #include <cstdint>
 #include <string>
