@@ -57,30 +57,34 @@ extern "C" {
  * sets the log threshold to LOG_LEVEL_DEBUG (1) and counts a user, to be taken away by
  * libkypcmp_finit. The first call of the process also fills the buffer pool, makes
  * "/var/tmp/kyp/" and "/var/tmp/kyp/cmp/", reads "/opt/kyp/libkyp.ini" and has port 100 echo. A
- * file that cannot be read is logged, and the defaults apply. returns  0 thread   any; who comes
- * second waits for the first
+ * file that cannot be read is logged, and the defaults apply.
+ * returns  0
+ * thread   any; who comes second waits for the first
  */
 KYP_API int libkypcmp_init(void);
 
 /*
  * Makes a component and tries to register its name with the server. A server that is away is no
- * obstacle: the component comes all the same and is registered once it is started and the server is
- * there. So the handle tells whether the call worked, and `*err` whether the server knows of it.
+ * obstacle: the component comes all the same and is registered with the first connection that it
+ * makes once it is started. So the handle tells whether the call worked, and `*err` whether the
+ * server knows of it.
  * info      copied. Its name has one to 31 characters of a-z, A-Z, 0-9, '_' and '-'. The section of
  *           that name in "/opt/kyp/libkyp.ini" holds the component's settings
  * callback, arg  stored and not used; may be null
  * err       receives a status, never null:
  *             0 with a handle            registered
- *             any other with a handle    not registered yet; KYP_ERR_SERVER_OFFLINE or an errno
- *                                        when the server cannot be reached, KYP_ERR_RECV_TIMEOUT
- *                                        when it does not answer within five seconds
+ *             any other with a handle    not registered: KYP_ERR_SERVER_OFFLINE when the server
+ *                                        cannot be reached, KYP_ERR_DISCONNECTED when it closed,
+ *                                        KYP_ERR_RECV_TIMEOUT when it did not answer within five
+ *                                        seconds, or the server's own code. On the last two the
+ *                                        link stays, and so does the component without its name
  *             KYP_ERR_INPUT_PARAM        no `info`; libkypcmp_get_errno() gives 0 here
  *             KYP_ERR_COMPONENT_NAME     a bad name, also one without its NUL
  *             KYP_ERR_COMPONENT_NAME_TAKEN  another component has the name; it is not disturbed
  * returns   the handle, or null with the last three. It stays valid until libkypcmp_destory or
  *           libkypcmp_finit
- * thread    any but a callback's. Waits for the server up to one second to connect and five to
- *           answer
+ * thread    any but a callback's. Waits for a server that does not accept, and up to five seconds
+ *           for one that does not answer
  */
 KYP_API void* libkypcmp_register(tagCmpDrvInfo* info, KypCmpCallback callback, void* arg, int* err);
 
@@ -109,9 +113,9 @@ KYP_API CmpConnConfig* libkypcmp_getconfig(void* handle);
  *                                       is not asked again
  *             KYP_ERR_DISCONNECTED      the link is down
  *             KYP_ERR_RECV_TIMEOUT      no answer from the server within five seconds
- *             any other                 the server's own code, or that of a frame that was no
- * answer On all but the first three the port is registered again at the next reconnect. thread the
- * one that will start the component, before it does; or a callback
+ *             any other                 the server's own code, or that of a frame that was none
+ *           On all but the first three the port is registered again with the next reconnect.
+ * thread    the one that will start the component, before it does; or a callback
  */
 KYP_API int libkypcmp_addrouter(void* handle, unsigned int port, KypSvrRoute callback, void* user);
 
@@ -127,19 +131,20 @@ KYP_API int libkypcmp_loop_start(void* handle);
 /* ---- traffic --------------------------------------------------------------------------------- */
 
 /*
- * Answers a request, at once or later, once or not at all: a client that gets no answer runs into
- * its own timeout. An answer to a client that has left goes to whoever has its place by then and is
- * refused there.
+ * Answers a request, at once or later: a client that gets no answer runs into its own timeout. What
+ * is still open for a client is dropped in onDisconnect: a later answer goes out under the number
+ * of whoever has its place by then.
  * port      as the route got it
  * data      `length` bytes, copied before the call returns; may be null when `length` is 0
  * request   as the route got it, or a copy. A code in its `error` reaches the client as the status
  *           of the answer
  * reserved  not read
  * err       receives the status, never null:
- *             KYP_ERR_INPUT_PARAM   `length` without `data`, or a request without `conn`
- *             KYP_ERR_DISCONNECTED  the link was lost before or while sending
- *             KYP_ERR_SEND          the answer could not be sent whole within a second, or the
- *                                   link is down
+ *             KYP_ERR_INPUT_PARAM      `length` without `data`, or a request without `conn`
+ *             KYP_ERR_PACKET_TOO_LONG  2 GiB and more. Clients accept 0x5fffff bytes with the heads
+ *             KYP_ERR_SEND             the link is down, or had no room for the whole answer within
+ *                                      a second
+ *             KYP_ERR_DISCONNECTED     the link has no descriptor any more
  * returns   what the connection's send_message returned: `length` for a client of a component, 0
  *           for one of a server's sockets or of shared memory; -1 with a status in `*err`
  * thread    any, also from a callback
@@ -159,6 +164,7 @@ KYP_API int libkypcmp_send(unsigned short port, char const* data, unsigned int l
  *                 KYP_ERR_PACKET_TOO_LONG  `length`, the topic and 77 exceed 0x5fffff
  *                 KYP_ERR_DISCONNECTED     the link is down
  *                 KYP_ERR_SEND_TIMEOUT     no room to send it whole within five seconds
+ *                 any other                the system's errno of the failed send
  * thread        any, also from a callback
  */
 KYP_API int libkypcmp_publish(void* handle, unsigned int indexGroup, unsigned int indexOffset,
@@ -201,7 +207,8 @@ KYP_API int libkypcmp_loop_stop(void* handle);
  * Destroys a component and closes its link; the handle is void afterwards. The server frees its
  * name, ports and topics. ON A STARTED COMPONENT THE CALL NEVER RETURNS, and neither does any later
  * one with a handle, see "The end".
- * returns  0, or KYP_ERR_HANDLE
+ * returns  0; KYP_ERR_HANDLE for an unknown handle, and for a component that had a shared-memory
+ *          group, which stays open until the process ends
  * thread   any but a callback's; nobody else uses the handle
  */
 KYP_API int libkypcmp_destory(void* handle);

@@ -167,6 +167,45 @@ static void check_scan(void) {
     CHECK(libkyp_get_errno() == KYP_OK);
 }
 
+static void on_request(unsigned short port, char const* data, unsigned int size,
+                       _msg_request request, void* ctx) {
+    (void)port, (void)data, (void)size, (void)request, (void)ctx;
+}
+
+static void on_client(VirtualConn* conn, void* userData) {
+    (void)conn, (void)userData;
+}
+
+/* Nobody listens: the component comes all the same and is not known to the server. */
+static void check_component(void) {
+    tagCmpDrvInfo info = {1, 2, "c11-client"};
+    _msg_request const nowhere = {1, 9, 1, 0, 0, 0, NULL};
+    int err = 0;
+    CHECK(libkypcmp_init() == 0);
+    CHECK(libkypcmp_register(NULL, NULL, NULL, &err) == NULL);
+    CHECK(err == KYP_ERR_INPUT_PARAM);
+    void* component = libkypcmp_register(&info, NULL, NULL, &err);
+    CHECK(component != NULL);
+    CHECK(err == KYP_ERR_SERVER_OFFLINE);
+    CmpConnConfig* config = libkypcmp_getconfig(component);
+    CHECK(config != NULL && config->mode == 1);
+    config->onConnect = on_client;
+    config->onDisconnect = on_client;
+    CHECK(libkypcmp_addrouter(component, 500, on_request, NULL) == KYP_ERR_PORT_RESERVED);
+    CHECK(libkypcmp_addrouter(component, 600, on_request, NULL) == KYP_ERR_DISCONNECTED);
+    CHECK(libkypcmp_publish(component, 1, 2, "topic", "AB", 2) == 0);
+    CHECK(libkypcmp_get_errno() == KYP_ERR_DISCONNECTED);
+    CHECK(libkypcmp_subscribe(component, "topic", on_topic, NULL) == 0);
+    CHECK(libkypcmp_unsubscribe(component, "topic") == 0);
+    CHECK(libkypcmp_send(600, "AB", 2, nowhere, NULL, &err) == -1);
+    CHECK(err == KYP_ERR_INPUT_PARAM);
+    CHECK(libkypcmp_loop_stop(component) == 0);
+    CHECK(libkypcmp_destory(component) == 0);
+    CHECK(libkypcmp_loop_start(component) == KYP_ERR_HANDLE);
+    CHECK(strcmp(libkypcmp_strerror(KYP_ERR_COMPONENT_NAME), "component name is illegal") == 0);
+    CHECK(libkypcmp_finit() == 0);
+}
+
 int main(void) {
     check_start_and_status();
     check_identity();
@@ -175,5 +214,6 @@ int main(void) {
     check_simple_requests();
     check_file_transfer();
     check_scan();
+    check_component();
     return g_failures == 0 ? 0 : 1;
 }
