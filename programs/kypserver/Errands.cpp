@@ -9,6 +9,10 @@ namespace kypserver {
 CErrands::CErrands() : m_bStop(false) {}
 
 CErrands::~CErrands() {
+    stop();
+}
+
+void CErrands::stop() {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_bStop = true;
@@ -19,6 +23,7 @@ CErrands::~CErrands() {
 
 void CErrands::after(std::chrono::milliseconds delay, std::function<void()> errand) {
     std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_bStop) return;
     m_waiting.emplace(Clock::now() + delay, std::move(errand));
     if (!m_thread.joinable()) m_thread = std::thread([this] { run(); });
     m_changed.notify_all();

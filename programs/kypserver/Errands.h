@@ -2,8 +2,7 @@
 //
 // Owns:     one thread, started with the first errand, and the errands that wait.
 // Threads:  any may give an errand; they run one after the other, the earliest first.
-// Lifetime: outlived by whatever the errands use. The destructor drops those that wait and waits
-//           for the one that runs.
+// Lifetime: stop() comes before the end of whatever the errands use.
 #ifndef KYP_PROGRAMS_KYPSERVER_ERRANDS_H
 #define KYP_PROGRAMS_KYPSERVER_ERRANDS_H
 
@@ -22,6 +21,10 @@ public:
     ~CErrands();
     CErrands(CErrands const&) = delete;
     CErrands& operator=(CErrands const&) = delete;
+
+    // Drops the errands that wait and waits for the one that runs; later ones are dropped, too. By
+    // the main thread; the destructor does the same.
+    void stop();
 
     // Runs `errand` on the thread of errands as soon as `delay` has passed.
     void after(std::chrono::milliseconds delay, std::function<void()> errand);

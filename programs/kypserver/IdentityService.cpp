@@ -1,9 +1,11 @@
 #include "kypserver/IdentityService.h"
 
+#include <chrono>
 #include <cstring>
 
 #include "kypcomm/KypDeviceIdGenerator.h"
 #include "kypcomm/KypStatus.h"
+#include "kypserver/Errands.h"
 #include "kypserver/ServerLog.h"
 
 namespace kypserver {
@@ -20,7 +22,8 @@ CKypDeviceIdGenerator& generator() {
 
 }  // namespace
 
-CIdentityService::CIdentityService(bool allowSetId) : m_allowSetId(allowSetId) {}
+CIdentityService::CIdentityService(bool allowSetId, CErrands& errands)
+    : m_allowSetId(allowSetId), m_errands(errands), m_waiting(0) {}
 
 unsigned short CIdentityService::port() const {
     return kPortDeviceId;
@@ -47,18 +50,28 @@ void CIdentityService::assign(Request const& request) {
         report("a new device id is refused; --allow-set-id would take it");
         status = KYP_ERR_UNSUPPORTED_CALL;
     }
-    if (status == KYP_OK) {
-        _KypDeviceId id;
-        memcpy(&id, request.data, sizeof id);
-        status = store(id);
+    if (status != KYP_OK) return answer(request, status);
+    store_later(request);
+}
+
+// The disk may take its time, and the worker has other clients.
+void CIdentityService::store_later(Request const& request) {
+    if (m_waiting.fetch_add(1, std::memory_order_relaxed) >= kMostWaiting) {
+        m_waiting.fetch_sub(1, std::memory_order_relaxed);
+        report("a new device id is refused: as many as may wait to be written");
+        return answer(request, KYP_ERR_WRITE_FILE);
     }
-    answer(request, status);
+    _KypDeviceId id;
+    memcpy(&id, request.data, sizeof id);
+    m_errands.after(std::chrono::milliseconds(0), [this, request, id] {
+        answer(request, store(id));
+        m_waiting.fetch_sub(1, std::memory_order_relaxed);
+    });
 }
 
 unsigned int CIdentityService::store(_KypDeviceId const& id) {
     if (same_id(id, _KypDeviceId{})) return KYP_ERR_DEVICE_ID;
 
-    std::lock_guard<std::mutex> lock(m_storeMutex);
     generator().SetLocalDeviceId(id);
     // Writing reports nothing, so what stands in the file is read back. An id that would be gone
     // after a restart is not taken.

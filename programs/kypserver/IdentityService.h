@@ -1,19 +1,25 @@
 // Port 101: tells the id of this device, and takes a new one where that is allowed.
 //
-// Threads: serve() on any worker; one new id is stored at a time.
+// Threads:  serve() on any worker. A new id is written by an errand, one at a time.
+// Lifetime: outlives the workers and the errands.
 #ifndef KYP_PROGRAMS_KYPSERVER_IDENTITYSERVICE_H
 #define KYP_PROGRAMS_KYPSERVER_IDENTITYSERVICE_H
 
-#include <mutex>
+#include <atomic>
 
 #include "kypcomm/KypTypes.h"
 #include "kypserver/Service.h"
 
 namespace kypserver {
 
+class CErrands;
+
 class CIdentityService : public IService {
 public:
-    explicit CIdentityService(bool allowSetId);
+    // At most so many new ids wait to be written; more are refused.
+    static constexpr int kMostWaiting = 64;
+
+    CIdentityService(bool allowSetId, CErrands& errands);
 
     unsigned short port() const override;
 
@@ -27,10 +33,12 @@ public:
 private:
     void tell(Request const& request);
     void assign(Request const& request);
+    void store_later(Request const& request);
     unsigned int store(_KypDeviceId const& id);
 
     bool const m_allowSetId;
-    std::mutex m_storeMutex;  // held while a new id is written
+    CErrands& m_errands;
+    std::atomic<int> m_waiting;  // new ids that wait to be written
 };
 
 }  // namespace kypserver

@@ -140,8 +140,10 @@ bool parse_address(std::string const& text, Address& address) {
 }
 
 std::optional<int> parse_options(int argc, char const* const* argv, Options& options) {
-    CLI::App app("The kyp server: echo on port 100, device identity on 101, topics on 103.",
-                 "kypserver");
+    CLI::App app(
+        "The kyp server: echo on port 100, device identity on 101, components on 102, topics on "
+        "103.",
+        "kypserver");
     app.set_version_flag("--version", "kypserver " KYP_VERSION);
     add_endpoints(app, options);
     add_threads(app, options);

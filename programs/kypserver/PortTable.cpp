@@ -1,13 +1,9 @@
 #include "kypserver/PortTable.h"
 
-#include <algorithm>
-
-#include "kypcomm/KypStatus.h"
 #include "kypcomm/pbuf/CMsgHeader.h"
 #include "kypcore/SocketConnection.h"
 #include "kypserver/HeldBytes.h"
 #include "kypserver/Strands.h"
-#include "utils/Log.h"
 
 namespace kypserver {
 
@@ -35,16 +31,9 @@ bool CPortTable::serve_in_order(unsigned short port, IFrameHandler& handler) {
     return true;
 }
 
-void CPortTable::serve_range(unsigned short first, unsigned short last, IFrameHandler& handler) {
-    for (unsigned int port = first; port <= last; ++port) {
-        if (m_routes.m_ports[port].m_bUsed != 0) continue;
-        serve_in_order(static_cast<unsigned short>(port), handler);
-    }
-}
-
-void CPortTable::refuse_the_rest() {
+void CPortTable::give_the_rest_to(IFrameHandler& handler) {
     for (unsigned short port = kLowestPort; port <= kHighestPort; ++port) {
-        if (m_routes.m_ports[port].m_bUsed == 0) m_routes.addCmpPortRoute(port, refuse, this);
+        if (m_routes.m_ports[port].m_bUsed == 0) serve_in_order(port, handler);
     }
 }
 
@@ -66,25 +55,6 @@ void CPortTable::OrderedService::handle(CMsgHeader& msg, _KypHeader const& head,
     Request const request = read_request(msg, head, aoe, m_held);
     m_service.serve(request);
     m_held.served(request.head.conn, request.size);
-}
-
-// A cmp route, since it must tell requests from responses: an answer to a stray response could
-// travel to and fro between two servers for ever.
-void CPortTable::refuse(CMsgHeader* msg, _KypHeader& header, _AoEHeader& aoe, void* table) {
-    CPortTable& self = *static_cast<CPortTable*>(table);
-    if (aoe.state == KYP_STATE_REQUEST && !is_one_way(utils_ntohs(aoe.cmd))) {
-        self.answer_refusal(msg, header, aoe);
-    }
-    int const payload = msg->GetVaildSize() - static_cast<int>(sizeof(AoERequestHeader));
-    self.m_held.served(msg->m_pConn, static_cast<size_t>(std::max(payload, 0)));
-}
-
-void CPortTable::answer_refusal(CMsgHeader* msg, _KypHeader const& header, _AoEHeader const& aoe) {
-    KYP_LOG(LOG_LEVEL_INFO, "nobody serves port:%d,client:%s", static_cast<int>(header.port),
-            msg->m_pConn->m_szPeerName);
-    m_held.answering(msg->m_pConn, 0);
-    m_routes.ErrorResponse(header, aoe, KYP_ERR_ROUTE_NOT_REGISTERED,
-                           static_cast<IConnection*>(msg->m_pConn));
 }
 
 }  // namespace kypserver

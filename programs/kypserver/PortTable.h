@@ -1,5 +1,4 @@
-// Which service stands behind which logical port. A request for a port that nobody serves is
-// answered at once, so that no client waits for its timeout.
+// Which service stands behind which logical port.
 //
 // Owns:     nothing; the services are the program's.
 // Threads:  filled by the main thread before the workers start.
@@ -25,12 +24,9 @@ public:
     // not one.
     bool serve(IService& service);
 
-    // Gives the frames of the ports from `first` to `last` that are free to `handler`, those of one
-    // connection in order.
-    void serve_range(unsigned short first, unsigned short last, IFrameHandler& handler);
-
-    // Refuses requests on every port that is still free.
-    void refuse_the_rest();
+    // Gives the frames of every port that is still free to `handler`, those of one connection in
+    // order.
+    void give_the_rest_to(IFrameHandler& handler);
 
 private:
     // A service that keeps the order of its requests, as a handler of frames.
@@ -57,8 +53,6 @@ private:
     static void call_service(unsigned short port, char const* data, unsigned int size,
                              _msg_request head, void* entry);
     static void call_in_order(CMsgHeader* msg, _KypHeader& header, _AoEHeader& aoe, void* entry);
-    static void refuse(CMsgHeader* msg, _KypHeader& header, _AoEHeader& aoe, void* table);
-    void answer_refusal(CMsgHeader* msg, _KypHeader const& header, _AoEHeader const& aoe);
 
     RouteManage& m_routes;
     CHeldBytes& m_held;

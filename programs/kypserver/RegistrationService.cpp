@@ -56,7 +56,8 @@ void CRegistrationService::serve(Request const& request) {
     if (!m_connections.is_local(channel)) return reply(request, body, decide(request, body));
     uint32_t const ticket = m_ledger.hold(channel);
     reply(request, body, decide(request, body));
-    m_errands.after(kQuiet, [this, channel, ticket] { m_ledger.release(channel, ticket); });
+    CSendLedger& ledger = m_ledger;
+    m_errands.after(kQuiet, [&ledger, channel, ticket] { ledger.release(channel, ticket); });
 }
 
 // Fills `body` as far as the request goes. Returns the verdict.

@@ -5,7 +5,7 @@
 // other frames for it are kept back, until it has been quiet for kQuiet.
 //
 // Threads:  serve() on any worker.
-// Lifetime: outlives the workers; errands outlive it.
+// Lifetime: outlives the workers.
 #ifndef KYP_PROGRAMS_KYPSERVER_REGISTRATIONSERVICE_H
 #define KYP_PROGRAMS_KYPSERVER_REGISTRATIONSERVICE_H
 

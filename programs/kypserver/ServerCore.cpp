@@ -6,6 +6,7 @@
 #include "kypcore/EventLoop.h"
 #include "kypcore/SockConnPool.h"
 #include "kypcore/ThreadPool.h"
+#include "kypserver/Errands.h"
 
 namespace kypserver {
 
@@ -29,7 +30,8 @@ void join_loops() {
 
 }  // namespace
 
-CServerCore::CServerCore(Options const& options) : m_options(options), m_bRunning(false) {}
+CServerCore::CServerCore(Options const& options, CErrands& errands)
+    : m_options(options), m_errands(errands), m_bRunning(false) {}
 
 CServerCore::~CServerCore() {
     stop();
@@ -63,6 +65,7 @@ std::string CServerCore::start() {
 void CServerCore::stop() {
     if (!m_bRunning) return;
     m_bRunning = false;
+    m_errands.stop();
     join_loops();
     utility::instance<CThreadPool>().stop();
     utility::instance<CEventManage>().uninit_event_loop();

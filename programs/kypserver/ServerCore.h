@@ -11,9 +11,11 @@
 
 namespace kypserver {
 
+class CErrands;
+
 class CServerCore {
 public:
-    explicit CServerCore(Options const& options);
+    CServerCore(Options const& options, CErrands& errands);
 
     // stop().
     ~CServerCore();
@@ -26,12 +28,14 @@ public:
     // Starts loops and workers. Returns an empty text, or what is in the way and what to do.
     std::string start();
 
-    // Ends loops, then workers: no message comes in when the workers have gone, and a worker's last
-    // answer still finds its loop. Waits for both, half a second at most for idle ones.
+    // Ends errands, loops, then workers: an errand may need a loop, no message comes in when the
+    // workers have gone, and a worker's last answer still finds its loop. Waits for both, half a
+    // second at most for idle ones.
     void stop();
 
 private:
     Options const& m_options;
+    CErrands& m_errands;
     bool m_bRunning;
 };
 

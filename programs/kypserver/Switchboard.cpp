@@ -149,6 +149,11 @@ void CSwitchboard::lead_back(CMsgHeader& msg, _KypHeader const& head, _AoEHeader
                  channel};
         return;
     }
+    if (head.port <= kHighestReservedPort) {
+        fault.text = "an answer of component " + component->name + on_port(head) +
+                     " is dropped: the port is reserved";
+        return;
+    }
     _KypforwardHeader forward;
     if (!read_forward_head(msg, forward)) {
         fault.text = "an answer of component " + component->name + on_port(head) +
@@ -197,7 +202,7 @@ void CSwitchboard::make_way(CSocketConnection* owner, CSocketConnection* channel
 void CSwitchboard::refuse(CSocketConnection* client, PendingRequest const& request,
                           unsigned int status) {
     KYP_LOG(LOG_LEVEL_INFO, "request to port:%d refused,client:%s,error:0x%x",
-            static_cast<int>(request.port), m_connections.name(client).c_str(), status);
+            static_cast<int>(request.port), client->m_szPeerName, status);
     if (is_one_way(request.cmd)) return;
 
     Request refused = {};

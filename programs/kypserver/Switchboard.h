@@ -1,5 +1,6 @@
-// Joins clients and components: brings the requests on ports 501 to 4096 to the component that
-// serves them and its answers back to the client that has asked.
+// Joins clients and components: brings requests to the component that serves their port and its
+// answers back to the client that has asked. A request for a port that nobody serves is answered at
+// once, so that no client waits for its timeout.
 //
 // Owns:     who is registered, and who has called whom.
 // Threads:  handle() and the registrations on any worker, end() on the loop threads. One lock makes
@@ -37,10 +38,11 @@ public:
     // the component (0x100d), a component that has more waiting than may (0x1011), a client when
     // all numbers are in use (0x101b).
     //
-    // Anything else is a component's answer and goes to the client of the number in it, without its
-    // forward head. An answer to a client that has gone is dropped, one to a client that has never
-    // called the component is reported, too. Whoever answers without being a component loses its
-    // connection, and so does a client for whom too much is held.
+    // Anything else is a component's answer, on whichever port from 501 on, and goes to the client
+    // of the number in it, without its forward head. An answer to a client that has gone is
+    // dropped, one to a client that has never called the component, or on a reserved port, is
+    // reported, too. Whoever answers without being a component loses its connection, and so does a
+    // client for whom too much is held.
     void handle(CMsgHeader& msg, _KypHeader const& head, _AoEHeader const& aoe) override;
 
     // As CRegistry's. A name or a port that a component has left without the loop knowing it yet is

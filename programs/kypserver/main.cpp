@@ -95,11 +95,11 @@ int main(int argc, char** argv) {
     CHeldBytes held(options.maxHeldBytes);
     connections.on_begin([&](IConnection* conn) { held.begin(conn); });
     CStrands strands;
+    CErrands errands;
     CEchoService echo;
-    CIdentityService identity(options.allowSetId);
+    CIdentityService identity(options.allowSetId, errands);
     CTopicBroker topics(connections, ledger, options.maxTopics);
     CSwitchboard switchboard(connections, ledger, held);
-    CErrands errands;
     CRegistrationService registration(connections, switchboard, ledger, errands);
     connections.on_end([&](IConnection* conn) {
         strands.end(conn);
@@ -114,11 +114,10 @@ int main(int argc, char** argv) {
           static_cast<IService*>(&registration), static_cast<IService*>(&topics)}) {
         ports.serve(*service);
     }
-    ports.serve_range(kHighestReservedPort + 1, kHighestPort, switchboard);
-    ports.refuse_the_rest();
+    ports.give_the_rest_to(switchboard);
 
     CEndpoints endpoints(options, connections, ledger, held, strands);
-    CServerCore core(options);
+    CServerCore core(options, errands);
     core.prepare();
     SetLogLevel(log_threshold(options.verbose));
 

@@ -56,6 +56,15 @@ TEST(ErrandsTest, AnErrandMayGiveAnother) {
     done.get_future().wait();
 }
 
+TEST(ErrandsTest, NoneRunsBehindAStop) {
+    CErrands errands;
+    errands.after(milliseconds(0), [] {});
+    errands.stop();
+
+    errands.after(milliseconds(0), [] { ADD_FAILURE(); });
+    errands.stop();
+}
+
 TEST(ErrandsTest, ThoseThatWaitAreDroppedAtTheEnd) {
     bool ran = false;
     {

@@ -1,5 +1,6 @@
 #include "kypserver/PortTable.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -17,17 +18,15 @@
 namespace kypserver {
 namespace {
 
-class RecordingConn : public CSocketConnection {
+class RecordingHandler : public IFrameHandler {
 public:
-    int send_message(_AoEHeader const& aoe, unsigned short port, char const* /*data*/, int size,
-                     int /*timeout*/) override {
-        auto const* const head = reinterpret_cast<uint8_t const*>(&aoe);
-        m_sent.push_back(
-            join({kyp_head(port, static_cast<uint32_t>(size) + 13), Bytes(head, head + 13)}));
-        return 0;
+    void handle(CMsgHeader& msg, _KypHeader const& head, _AoEHeader const& /*aoe*/) override {
+        m_ports.push_back(head.port);
+        m_rest.assign(msg.GetVaildData(), msg.GetVaildData() + msg.GetVaildSize());
     }
 
-    std::vector<Bytes> m_sent;
+    std::vector<int> m_ports;
+    Bytes m_rest;
 };
 
 class RecordingService : public IService {
@@ -69,7 +68,8 @@ protected:
         m_routes->call(&msg);
     }
 
-    RecordingConn m_conn;
+    CSocketConnection m_conn;
+    RecordingHandler m_handler;
     std::unique_ptr<RouteManage> m_routes = std::make_unique<RouteManage>();
     CHeldBytes m_held{1000000};
     CStrands m_strands;
@@ -134,21 +134,25 @@ TEST_F(PortTableTest, APortHasOneService) {
     EXPECT_FALSE(m_table.serve(alsoOutside));
 }
 
-TEST_F(PortTableTest, RefusesRequestsForPortsThatNobodyServes) {
+TEST_F(PortTableTest, EveryOtherPortIsTheHandlers) {
     RecordingService service(600);
     m_table.serve(service);
-    m_table.refuse_the_rest();
+    m_table.give_the_rest_to(m_handler);
 
-    receive(request_frame(601, 9, 7, 1, 2, text("AB")));
-    receive(request_frame(1, 2, 8, 0, 0));
-    receive(request_frame(4096, 4, 9, 0, 0));
+    for (uint16_t port : {1, 599, 600, 601, 4096}) receive(request_frame(port, 9, 7, 1, 2));
+    receive(response_frame(601, 9, 7));
 
-    ASSERT_EQ(3U, m_conn.m_sent.size());
-    EXPECT_EQ("00 01 59 02 0D 00 00 00 00 00 10 06 00 00 00 07 00 09 00 00 01",
-              hex(m_conn.m_sent[0]));
-    EXPECT_EQ(0x1006U, take_apart(m_conn.m_sent[1]).error);
-    EXPECT_EQ(0x1006U, take_apart(m_conn.m_sent[2]).error);
-    EXPECT_EQ(0, service.m_served);
+    EXPECT_EQ(1, service.m_served);
+    EXPECT_THAT(m_handler.m_ports, testing::ElementsAre(1, 599, 601, 4096, 601));
+}
+
+TEST_F(PortTableTest, TheHandlerStandsBehindTheHeadsOfAMessageInItsTurn) {
+    m_table.give_the_rest_to(m_handler);
+
+    receive(request_frame(601, 9, 7, 0x10, 0x20, text("AB")));
+
+    EXPECT_EQ("00 00 00 10 00 00 00 20 41 42", hex(m_handler.m_rest));
+    EXPECT_EQ(0U, m_strands.waiting(&m_conn));
 }
 
 TEST_F(PortTableTest, ARequestThatIsServedIsNoLongerHeld) {
@@ -156,11 +160,9 @@ TEST_F(PortTableTest, ARequestThatIsServedIsNoLongerHeld) {
     RecordingService inOrder(602, true);
     m_table.serve(service);
     m_table.serve(inOrder);
-    m_table.refuse_the_rest();
     for (Bytes const& frame :
-         {request_frame(600, 9, 1, 0, 0, text("AB")), request_frame(601, 6, 1, 0, 0, text("AB")),
-          request_frame(602, 9, 1, 0, 0, text("AB")), join({kyp_head(600, 3), Bytes(3)}),
-          join({kyp_head(601, 15), Bytes(15)}), join({kyp_head(602, 15), Bytes(15)})}) {
+         {request_frame(600, 9, 1, 0, 0, text("AB")), request_frame(602, 9, 1, 0, 0, text("AB")),
+          join({kyp_head(600, 3), Bytes(3)}), join({kyp_head(602, 15), Bytes(15)})}) {
         SCOPED_TRACE(hex(frame));
         _KypHeader head;
         memcpy(&head, frame.data(), sizeof head);
@@ -168,27 +170,8 @@ TEST_F(PortTableTest, ARequestThatIsServedIsNoLongerHeld) {
 
         receive(frame);
 
-        size_t const answers = m_conn.m_sent.size();
-        EXPECT_EQ(answers * (21 + CHeldBytes::kPerMessage), m_held.held(&m_conn));
+        EXPECT_EQ(0U, m_held.held(&m_conn));
     }
-}
-
-TEST_F(PortTableTest, ARefusalIsHeldUntilItHasLeft) {
-    m_table.refuse_the_rest();
-    ASSERT_TRUE(m_held.take(&m_conn, {0, 1, 601, 23}));
-
-    receive(request_frame(601, 9, 7, 0, 0, text("AB")));
-
-    EXPECT_EQ(21 + CHeldBytes::kPerMessage, m_held.held(&m_conn));
-}
-
-TEST_F(PortTableTest, DoesNotAnswerWhereNobodyWaits) {
-    m_table.refuse_the_rest();
-
-    for (uint16_t cmd : {6, 7, 8}) receive(request_frame(600, cmd, 7, 0, 0));
-    receive(response_frame(600, 9, 7));
-
-    EXPECT_TRUE(m_conn.m_sent.empty());
 }
 
 }  // namespace

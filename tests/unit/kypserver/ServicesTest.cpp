@@ -3,11 +3,13 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <future>
 #include <string>
 
 #include "FakeConn.h"
 #include "kypcomm/KypDeviceIdGenerator.h"
 #include "kypserver/EchoService.h"
+#include "kypserver/Errands.h"
 #include "kypserver/IdentityService.h"
 #include "support/FrameBytes.h"
 #include "utils/Log.h"
@@ -26,6 +28,7 @@ protected:
         _msg_request const head = {1, cmd, 7, group, offset, error, &m_conn};
         service.serve({service.port(), reinterpret_cast<char const*>(data.data()),
                        static_cast<unsigned int>(data.size()), head});
+        finish_errands();
         return m_conn.m_sent.empty() ? "" : hex(m_conn.m_sent[0]);
     }
 
@@ -36,7 +39,14 @@ protected:
         return m_conn.m_sent.empty() ? -1 : static_cast<long>(take_apart(m_conn.m_sent[0]).error);
     }
 
+    void finish_errands() {
+        std::promise<void> done;
+        m_errands.after(std::chrono::milliseconds(0), [&done] { done.set_value(); });
+        done.get_future().wait();
+    }
+
     FakeConn m_conn;
+    CErrands m_errands;
 };
 
 class EchoServiceTest : public ServiceTest {
@@ -75,8 +85,8 @@ protected:
         return Bytes(id.bytes, id.bytes + sizeof id.bytes);
     }
 
-    CIdentityService m_closed{false};
-    CIdentityService m_open{true};
+    CIdentityService m_closed{false, m_errands};
+    CIdentityService m_open{true, m_errands};
 };
 
 TEST_F(IdentityServiceTest, TellsTheId) {
@@ -133,6 +143,26 @@ TEST_F(IdentityServiceTest, DoesNotTakeAnIdThatItCannotKeep) {
 
     EXPECT_NE(std::string::npos,
               testing::internal::GetCapturedStderr().find("make that directory writable"));
+}
+
+TEST_F(IdentityServiceTest, OnlySoManyNewIdsWaitToBeWritten) {
+    testing::internal::CaptureStderr();
+    Bytes const id = bytes("0A 00 00 01 02 03");
+    _msg_request const head = {1, 5, 7, 0x1001, 0x1002, 0, &m_conn};
+    std::promise<void> go;
+    m_errands.after(std::chrono::milliseconds(0), [&go] { go.get_future().wait(); });
+
+    for (int i = 0; i <= CIdentityService::kMostWaiting; ++i) {
+        m_open.serve({101, reinterpret_cast<char const*>(id.data()), 6, head});
+    }
+
+    ASSERT_EQ(1U, m_conn.m_sent.size());
+    EXPECT_EQ(0x3004U, take_apart(m_conn.m_sent[0]).error);
+    go.set_value();
+    finish_errands();
+    EXPECT_EQ(1U + CIdentityService::kMostWaiting, m_conn.m_sent.size());
+    EXPECT_NE(std::string::npos,
+              testing::internal::GetCapturedStderr().find("as many as may wait to be written"));
 }
 
 }  // namespace

@@ -153,8 +153,10 @@ TEST_F(SwitchboardTest, AComponentMayCallItself) {
 }
 
 TEST_F(SwitchboardTest, APortThatNobodyServesAndOneThatIsServedNoMore) {
-    receive(m_first, request_frame(601, 9, 7, 0, 0, text("AB")));
-    EXPECT_EQ(hex(response_frame(601, 9, 7, {}, 0x1006)), hex(m_first.last()));
+    for (uint16_t port : {1, 500, 501, 601, 4096}) {
+        receive(m_first, request_frame(port, 9, 7, 0, 0, text("AB")));
+        EXPECT_EQ(hex(response_frame(port, 9, 7, {}, 0x1006)), hex(m_first.last()));
+    }
 
     m_connections.end(&m_motor);
     receive(m_first, request_frame(600, 9, 8, 0, 0, text("AB")));
@@ -206,6 +208,18 @@ TEST_F(SwitchboardTest, AnAnswerOfAComponentThatWasNotAskedIsDroppedAndReported)
                           "called it"));
 
     EXPECT_THAT(m_first.m_sent, IsEmpty());
+}
+
+TEST_F(SwitchboardTest, AnAnswerOnAReservedPortIsDroppedAndReported) {
+    call(m_first, 600, 7);
+
+    EXPECT_THAT(receive(m_motor, component_answer(1, 500, 9, 7)),
+                HasSubstr("an answer of component motor on port 500 is dropped: the port is "
+                          "reserved"));
+    EXPECT_THAT(m_first.m_sent, IsEmpty());
+
+    receive(m_motor, component_answer(1, 501, 9, 7));
+    EXPECT_EQ(1U, m_first.m_sent.size());
 }
 
 TEST_F(SwitchboardTest, AnAnswerTooShortForItsForwardHeadIsDroppedAndReported) {
