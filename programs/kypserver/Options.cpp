@@ -66,6 +66,7 @@ void add_endpoints(CLI::App& app, Options& options) {
         ->type_name("PATH")
         ->group("Endpoints");
     add_switch_off(app, "--no-domain", options.domain, "no local clients");
+    add_switch_off(app, "--no-scan", options.scan, "not found by scans of the network");
 }
 
 // A negative number would become a very large one.

@@ -27,6 +27,8 @@ struct Options {
     bool domain = true;
     std::string domainPath = kDomainPath;
 
+    bool scan = true;  // answer who scans the network for devices
+
     int loops = 3;     // event loops; the first one accepts, so there are two at least
     int workers = 4;   // threads that serve requests
     int priority = 0;  // of the event loops: 1..99 SCHED_FIFO, 0 the usual scheduling

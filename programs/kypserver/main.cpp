@@ -17,6 +17,7 @@
 #include "kypserver/Options.h"
 #include "kypserver/PortTable.h"
 #include "kypserver/RegistrationService.h"
+#include "kypserver/ScanResponder.h"
 #include "kypserver/SendLedger.h"
 #include "kypserver/ServerCore.h"
 #include "kypserver/ServerLog.h"
@@ -126,11 +127,14 @@ int main(int argc, char** argv) {
     if (problem.empty()) problem = endpoints.serve();
     if (!problem.empty()) return fail(problem);
     load_device_id();
+    CScanResponder scans;
+    if (options.scan) (void)scans.start();
 
     printf("kypserver ready: %s\n", endpoints.describe().c_str());
     fflush(stdout);
     int sig = 0;
     sigwait(&ends, &sig);
+    scans.stop();
     core.stop();
     return 0;
 }

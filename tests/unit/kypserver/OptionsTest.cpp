@@ -31,7 +31,7 @@ protected:
 TEST_F(OptionsTest, WithoutArgumentsServesTheUsualEndpoints) {
     EXPECT_FALSE(parse({}).has_value());
 
-    EXPECT_TRUE(m_options.tcp && m_options.udp && m_options.domain);
+    EXPECT_TRUE(m_options.tcp && m_options.udp && m_options.domain && m_options.scan);
     EXPECT_EQ("0.0.0.0", m_options.tcpAddress.host);
     EXPECT_EQ(9999, m_options.tcpAddress.port);
     EXPECT_EQ("0.0.0.0", m_options.udpAddress.host);
@@ -86,8 +86,9 @@ TEST_F(OptionsTest, TakesEveryOption) {
 }
 
 TEST_F(OptionsTest, EndpointsCanBeSwitchedOff) {
-    EXPECT_FALSE(parse({"--no-tcp", "--no-udp"}).has_value());
+    EXPECT_FALSE(parse({"--no-tcp", "--no-udp", "--no-scan"}).has_value());
 
+    EXPECT_FALSE(m_options.scan);
     EXPECT_FALSE(m_options.tcp);
     EXPECT_FALSE(m_options.udp);
     EXPECT_TRUE(m_options.domain);
