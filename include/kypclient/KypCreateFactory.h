@@ -30,16 +30,22 @@ public:
     CPeerConnMgr& operator=(CPeerConnMgr const&) = delete;
 
     // Makes a connection of `type` and keeps it: 0 TCP with a KypTcpConnInfo, 2 and 4 Unix-domain
-    // stream with a KypDomainConnInfo. Waits up to `timeoutMs`, at least 100, for the peer; a peer
-    // that does not answer still gives a connection, which goes on trying by itself. Null with
-    // tlsErrno at KYP_ERR_PARAM for a wrong record, KYP_ERR_PROTOCOL for type 1,
-    // KYP_ERR_UNSUPPORTED_CALL for type 3, KYP_ERR_CONN_TYPE for any other.
+    // stream with a KypDomainConnInfo, 3 shared memory with a KypIvshmConnInfo. Waits up to
+    // `timeoutMs`, at least 100, for the peer; a peer that does not answer still gives a
+    // connection, which goes on trying by itself. Null with tlsErrno at KYP_ERR_PARAM for a wrong
+    // record, KYP_ERR_PROTOCOL for type 1, KYP_ERR_CONN_TYPE for any other, or without shared
+    // memory (see CreateIvshmClient).
     IKypPeerConnection* CreateFactoryConnection(int type, void* info, int infoSize, int timeoutMs);
 
     // The two transports, with the same results; the caller owns the connection. `timeoutMs` is
     // taken as it is. The receive thread runs when they return.
     IKypPeerConnection* CreateTcpClient(void* info, int infoSize, int timeoutMs);
     IKypPeerConnection* CreateDomainClient(void* info, int infoSize, int timeoutMs);
+
+    // A client of the group of info->groupIndex, with the same results. Null with tlsErrno at
+    // KYP_ERR_IVSHM_GROUP for a bad index, KYP_ERR_CLIENT_LIMIT when the group has 32 clients, or
+    // as it was when the group's topics are not open. `timeoutMs` is not used.
+    IKypPeerConnection* CreateIvshmClient(void* info, int infoSize, int timeoutMs);
 
     // Takes a connection over. Null is ignored.
     void AddPeerConnection(IKypPeerConnection* conn);

@@ -56,7 +56,7 @@ enum KypConnType {
     KYP_CONN_TCP = 0,          /* KypTcpConnInfo */
     KYP_CONN_NONE = 1,         /* a number without a transport */
     KYP_CONN_DOMAIN = 2,       /* KypDomainConnInfo */
-    KYP_CONN_IVSHM = 3,        /* KypIvshmConnInfo; not supported by this release */
+    KYP_CONN_IVSHM = 3,        /* KypIvshmConnInfo */
     KYP_CONN_DOMAIN_ALIAS = 4, /* KypDomainConnInfo */
 };
 
@@ -73,11 +73,11 @@ typedef struct __attribute__((packed)) KypDomainConnInfo {
     void* ctx;
 } KypDomainConnInfo;
 
-/* KYP_CONN_IVSHM: shared memory. In natural layout. */
+/* KYP_CONN_IVSHM: shared memory between virtual machines. In natural layout. */
 typedef struct KypIvshmConnInfo {
-    int groupIndex;
-    int maxBytes;
-    KypConnEvent event; /* null for none */
+    int groupIndex;     /* 0 or 1 */
+    int maxBytes;       /* largest frame; counts for the first connection of the group */
+    KypConnEvent event; /* never called */
     void* ctx;
 } KypIvshmConnInfo;
 

@@ -119,12 +119,15 @@ KYP_API void* libkyp_createInstance(_KypDeviceId* id, int connType);
  * Makes a connection from the record of its transport; otherwise as libkyp_createInstanceEx.
  * The calling thread's status is left as it was when the call succeeds.
  * connType   any KypConnType
- * info       KypTcpConnInfo or KypDomainConnInfo; read during the call
+ * info       KypTcpConnInfo, KypDomainConnInfo or KypIvshmConnInfo; read during the call
  * infoSize   its exact size
  * returns    the handle; null with libkyp_get_errno() at
- *              KYP_ERR_PARAM             `infoSize` does not fit, or no record for TCP
+ *              KYP_ERR_PARAM             `infoSize` does not fit, or there is no record; a
+ *                                        Unix-domain connection needs none
  *              KYP_ERR_PROTOCOL          KYP_CONN_NONE
- *              KYP_ERR_UNSUPPORTED_CALL  KYP_CONN_IVSHM, which this release does not support
+ *              KYP_ERR_IVSHM_GROUP       KYP_CONN_IVSHM: no such group
+ *              KYP_ERR_CLIENT_LIMIT      KYP_CONN_IVSHM: the group has 32 connections
+ *              what it was before        KYP_CONN_IVSHM: the group's topics are not open
  *              KYP_ERR_CONN_TYPE         any other number
  * thread     any but a callback's
  */

@@ -1,9 +1,12 @@
 #include "kypclient/KypCreateFactory.h"
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
 #include <sstream>
 
+#include "kypclient/IvshmGroup.h"
+#include "kypclient/Ivshmclient.h"
 #include "kypclient/KypPeerConn.h"
 #include "kypclient/KypRequest.h"
 #include "kypclient/KypTcpclient.h"
@@ -21,6 +24,7 @@ template class utility::Singleton<CPeerConnMgr>;
 namespace {
 
 constexpr int kLowestConnectTimeoutMs = 100;
+constexpr int kIvshmConnectTimeoutMs = 1000;
 
 std::string id_text(_KypDeviceId const& id) {
     std::ostringstream text;
@@ -60,8 +64,7 @@ IKypPeerConnection* CPeerConnMgr::CreateFactoryConnection(int type, void* info, 
             conn = CreateDomainClient(info, infoSize, timeoutMs);
             break;
         case KYP_CONN_IVSHM:
-            // A known type that this release cannot serve: callers tell it from an unknown one.
-            tlsErrno = KYP_ERR_UNSUPPORTED_CALL;
+            conn = CreateIvshmClient(info, infoSize, timeoutMs);
             break;
         default:
             tlsErrno = KYP_ERR_CONN_TYPE;
@@ -100,6 +103,42 @@ IKypPeerConnection* CPeerConnMgr::CreateDomainClient(void* info, int infoSize, i
     // record has none either.
     if (info != nullptr) client->register_connevent(nullptr, nullptr);
     return launch(std::move(client), timeoutMs);
+}
+
+IKypPeerConnection* CPeerConnMgr::CreateIvshmClient(void* info, int infoSize, int) {
+    if (info == nullptr || infoSize != static_cast<int>(sizeof(KypIvshmConnInfo))) {
+        tlsErrno = KYP_ERR_PARAM;
+        return nullptr;
+    }
+    KypIvshmConnInfo ivshm{};
+    std::memcpy(&ivshm, info, sizeof(ivshm));
+    IvshmGroup* const group =
+        IvshmGroup::makeIvshmGroup(kIvshmClient, ivshm.groupIndex, ivshm.maxBytes);
+    if (group == nullptr) {
+        KYP_LOG(LOG_LEVEL_ERROR, "create ivshm group fail,idx:%d,maxbyte:%d", ivshm.groupIndex,
+                ivshm.maxBytes);
+        return nullptr;
+    }
+    if (!group->init_ivshm_topic()) {
+        IvshmGroup::destoryIvshmGroup(group);
+        return nullptr;
+    }
+    (void)group->start();
+    CIvshmClient* const client = group->makeIvshmClient();
+    if (client == nullptr) {
+        IvshmGroup::destoryIvshmGroup(group);
+        return nullptr;
+    }
+    client->register_connevent(ivshm.event, ivshm.ctx);
+    // Kept: the caller's timeout does not count.
+    if (client->connect(kIvshmConnectTimeoutMs) == 0) {
+        group->destoryIvshmClient(client);
+        return nullptr;
+    }
+    // Kept: releasing the connection gives its place back, but not its hold on the group, which
+    // runs on to the end of the process.
+    (void)client->start();
+    return client;
 }
 
 void CPeerConnMgr::AddPeerConnection(IKypPeerConnection* conn) {

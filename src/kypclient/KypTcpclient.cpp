@@ -1,8 +1,8 @@
 #include "kypclient/KypTcpclient.h"
 
-#include <chrono>
 #include <cstring>
 
+#include "kypclient/FetchAnswer.h"
 #include "kypcomm/DomainTcpSocket.h"
 #include "kypcomm/KypStatus.h"
 #include "kypcomm/KypWire.h"
@@ -200,32 +200,7 @@ int CTcpclient::raw_send(Frame& frame, int timeoutMs) {
 }
 
 int CTcpclient::raw_recv(unsigned short* port, char* buf, int len, int timeoutMs) {
-    if (m_pLatestRequest == nullptr) {
-        tlsErrno = KYP_ERR_NO_REQUEST;
-        KYP_LOG(LOG_LEVEL_ERROR, "raw_recv m_pLatestRequest nullptr");
-        return -1;
-    }
-    auto* const dest = reinterpret_cast<unsigned char*>(buf);
-    const auto room = static_cast<unsigned int>(len > 0 ? len : 0);
-    if (m_pLatestResponse == nullptr) return m_peerBuffer.read_buf(port, dest, room);
-
-    {
-        std::lock_guard<std::mutex> lock(m_pLatestResponse->mutex);
-        const auto deadline = std::chrono::steady_clock::now().time_since_epoch() +
-                              std::chrono::milliseconds(timeoutMs);
-        m_pLatestRequest->capacity = room;
-        m_pLatestRequest->buffer = buf;
-        m_pLatestRequest->deadline =
-            std::chrono::duration_cast<std::chrono::nanoseconds>(deadline).count();
-    }
-    const int result = m_pLatestResponse->Wait();
-    // Kept: also when the wait has failed; what an earlier fetch left of its answer is used up so.
-    const int n = m_peerBuffer.read_buf(port, dest, room);
-    m_pLatestRequest->copied = static_cast<uint32_t>(n);
-    tlsErrno = result;
-    m_pLatestResponse->Release();
-    m_pLatestResponse = nullptr;
-    return result == 0 ? n : -1;
+    return fetch_answer(*this, port, buf, len, timeoutMs);
 }
 
 int CTcpclient::svc() {

@@ -27,6 +27,8 @@
 #include "compmodule/net_channel.h"
 #include "kypclient/CFileThread.h"
 #include "kypclient/CFileTransfer.h"
+#include "kypclient/IvshmGroup.h"
+#include "kypclient/Ivshmclient.h"
 #include "kypclient/KypCreateFactory.h"
 #include "kypclient/KypPeerConn.h"
 #include "kypclient/KypReqManager.h"
@@ -535,6 +537,25 @@ KYP_FIELD(CKypScanClient, m_lastSend, 24, 8);
 KYP_FIELD(CKypScanClient, m_userData, 32, 8);
 KYP_FIELD(CKypScanClient, m_callback, 40, 8);
 KYP_FIELD(CKypScanClient, m_adapters, 48, 24);
+
+KYP_SIZE(IvshmGroup, 1888);
+KYP_FIELD(IvshmGroup, m_bStop, 0, 1);
+KYP_FIELD(IvshmGroup, m_thread, 8, 8);
+KYP_FIELD(IvshmGroup, m_mutex, 16, 40);
+KYP_FIELD(IvshmGroup, m_nRefCount, 56, 4);
+KYP_FIELD(IvshmGroup, m_bInit, 60, 1);
+KYP_FIELD(IvshmGroup, m_nIdx, 64, 4);
+KYP_FIELD(IvshmGroup, m_nMaxSize, 68, 4);
+KYP_FIELD(IvshmGroup, m_enMode, 72, 4);
+KYP_FIELD(IvshmGroup, m_hRead, 80, 8);
+KYP_FIELD(IvshmGroup, m_hWrite, 88, 8);
+KYP_FIELD(IvshmGroup, m_arrVClient, 96, 1536);
+KYP_FIELD(IvshmGroup, m_arrClient, 1632, 256);
+
+KYP_SIZE(CIvshmClient, 56328);
+KYP_FIELD(CIvshmClient, m_connected, 56312, 1);
+KYP_FIELD(CIvshmClient, m_clientId, 56314, 2);
+KYP_FIELD(CIvshmClient, m_pGroup, 56320, 8);
 
 // ---- kypcore
 KYP_SIZE(CEventLoop, 16);

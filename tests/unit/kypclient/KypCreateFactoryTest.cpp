@@ -8,6 +8,8 @@
 #include <mutex>
 #include <thread>
 
+#include "kypclient/IvshmGroup.h"
+#include "kypclient/Ivshmclient.h"
 #include "kypclient/KypPeerConn.h"
 #include "kypclient/KypRequest.h"
 #include "kypclient/KypTcpclient.h"
@@ -16,8 +18,11 @@
 #include "kypcomm/KypLibInit.h"
 #include "kypcomm/KypStatus.h"
 #include "kypcomm/KypWire.h"
+#include "kypcomm/ivshm/IvshmExtFunDef.h"
 #include "support/Eventually.h"
+#include "support/FakeTopics.h"
 #include "support/FrameBytes.h"
+#include "support/IvshmLibrary.h"
 #include "support/LogCapture.h"
 #include "support/RawPeer.h"
 #include "utils/Log.h"
@@ -310,9 +315,8 @@ TEST_F(PeerConnMgrTest, TypesWithoutATransportAreRefused) {
         int status;
     };
     char info[24] = {};
-    for (Row const& row :
-         {Row{KYP_CONN_NONE, KYP_ERR_PROTOCOL}, Row{KYP_CONN_IVSHM, KYP_ERR_UNSUPPORTED_CALL},
-          Row{-1, KYP_ERR_CONN_TYPE}, Row{5, KYP_ERR_CONN_TYPE}, Row{1000, KYP_ERR_CONN_TYPE}}) {
+    for (Row const& row : {Row{KYP_CONN_NONE, KYP_ERR_PROTOCOL}, Row{-1, KYP_ERR_CONN_TYPE},
+                           Row{5, KYP_ERR_CONN_TYPE}, Row{1000, KYP_ERR_CONN_TYPE}}) {
         SCOPED_TRACE(row.type);
         tlsErrno = 0;
 
@@ -320,6 +324,129 @@ TEST_F(PeerConnMgrTest, TypesWithoutATransportAreRefused) {
         EXPECT_EQ(row.status, tlsErrno);
     }
     EXPECT_THAT(m_manager.m_connections, IsEmpty());
+}
+
+// ---- shared memory ----------------------------------------------------------------------------
+
+class IvshmConnTest : public PeerConnMgrTest {
+protected:
+    ~IvshmConnTest() override {
+        m_topics.end_waits();
+        IvshmGroup* const group = IvshmGroup::m_arrIvshmGroup[0];
+        m_manager.ClearPeerConnection();
+        while (group != nullptr && group->getRefCount() > 1) group->subRefCount();
+        if (group != nullptr) IvshmGroup::destoryIvshmGroup(group);
+    }
+
+    IKypPeerConnection* create(int group = 0, int timeoutMs = 1) {
+        KypIvshmConnInfo info{group, 4096, EventLog::on_event, &m_events};
+        return m_manager.CreateFactoryConnection(KYP_CONN_IVSHM, &info, sizeof(info), timeoutMs);
+    }
+
+    // A group whose handles are set before its first connection.
+    IvshmGroup* group_with_handles() {
+        IvshmGroup* const group = IvshmGroup::makeIvshmGroup(1, 0, 4096);
+        group->m_hRead = m_topics.handle(0);
+        group->m_hWrite = m_topics.handle(1);
+        return group;
+    }
+
+    FakeTopics m_topics;
+    EventLog m_events;
+};
+
+TEST_F(IvshmConnTest, NeedsItsRecordWithItsExactSize) {
+    KypIvshmConnInfo info{0, 4096, nullptr, nullptr};
+    struct Row {
+        void* info;
+        int size;
+    };
+    for (Row const& row : {Row{nullptr, 24}, Row{&info, 23}, Row{&info, 25}, Row{&info, 0}}) {
+        SCOPED_TRACE(row.size);
+        tlsErrno = 0;
+        EXPECT_EQ(nullptr,
+                  m_manager.CreateFactoryConnection(KYP_CONN_IVSHM, row.info, row.size, 100));
+        EXPECT_EQ(KYP_ERR_PARAM, tlsErrno);
+    }
+    EXPECT_EQ(nullptr, IvshmGroup::m_arrIvshmGroup[0]);
+}
+
+TEST_F(IvshmConnTest, NeedsAGroupThatThereIs) {
+    LogCapture log;
+    tlsErrno = 0;
+
+    EXPECT_EQ(nullptr, create(2));
+
+    EXPECT_EQ(0x101a, tlsErrno);
+    EXPECT_EQ(1, log.count("ERROR", "create ivshm group fail,idx:2,maxbyte:4096"));
+}
+
+TEST_F(IvshmConnTest, KeepsBeingRefusedWithTheStatusThatStood) {
+    LogCapture log;
+    tlsErrno = 77;
+
+    EXPECT_EQ(nullptr, create());
+
+    EXPECT_EQ(77, tlsErrno);
+    EXPECT_THAT(m_topics.opened(), ElementsAre(Pair(0, 1), Pair(1, 1)));
+    EXPECT_EQ(1, log.count("ERROR", "init rhandle:0,whandle:0 fail"));
+    EXPECT_EQ(1, log.count("INFO", "ivshm group idx:0 refcount==0 release object"));
+    EXPECT_EQ(nullptr, IvshmGroup::m_arrIvshmGroup[0]);
+    EXPECT_THAT(m_manager.m_connections, IsEmpty());
+}
+
+TEST_F(IvshmConnTest, IsMadeWhereTheGroupHasItsHandles) {
+    IvshmGroup* const group = group_with_handles();
+
+    IKypPeerConnection* const conn = create();
+
+    ASSERT_NE(nullptr, conn);
+    EXPECT_EQ(conn, m_manager.GetPeerConnection(static_cast<void*>(conn)));
+    EXPECT_EQ(2, group->getRefCount());
+    EXPECT_EQ(conn, group->m_arrClient[0]);
+    EXPECT_TRUE(group->m_thread.joinable());
+    EXPECT_TRUE(conn->m_connEvent == EventLog::on_event);
+    EXPECT_EQ(&m_events, conn->m_connEventCtx);
+    EXPECT_THAT(m_events.events(), IsEmpty());
+}
+
+TEST_F(IvshmConnTest, GivesItsPlaceBackAndKeepsItsHoldOnTheGroup) {
+    IvshmGroup* const group = group_with_handles();
+    IKypPeerConnection* const conn = create();
+
+    m_manager.DelPeerConnection(conn);
+
+    EXPECT_EQ(nullptr, group->m_arrClient[0]);
+    EXPECT_FALSE(group->m_arrVClient[0].IsOpen());
+    EXPECT_EQ(2, group->getRefCount());
+    EXPECT_TRUE(group->m_thread.joinable());
+}
+
+TEST_F(IvshmConnTest, IsRefusedWhereTheGroupIsFull) {
+    IvshmGroup* const group = group_with_handles();
+    for (int i = 0; i < 32; ++i) ASSERT_NE(nullptr, create());
+    tlsErrno = 0;
+
+    EXPECT_EQ(nullptr, create());
+
+    EXPECT_EQ(0x101b, tlsErrno);
+    EXPECT_EQ(33, group->getRefCount());
+    m_manager.DelPeerConnection(group->m_arrClient[11]);
+    EXPECT_NE(nullptr, create());
+    EXPECT_NE(nullptr, group->m_arrClient[11]);
+}
+
+TEST_F(IvshmConnTest, IsRefusedWithoutTheTransport) {
+    withdraw_ivshm_library();
+    ExtIvshmApiDef::GetInstance().m_bLoaded = false;
+    LogCapture log;
+    tlsErrno = 77;
+
+    EXPECT_EQ(nullptr, create());
+
+    EXPECT_EQ(77, tlsErrno);
+    EXPECT_EQ(1, log.count("ERROR", "Load /usr/lib/libivshmAPI.so Fail"));
+    EXPECT_EQ(nullptr, IvshmGroup::m_arrIvshmGroup[0]);
 }
 
 // ---- keeping them ------------------------------------------------------------------------------
