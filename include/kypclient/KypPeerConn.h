@@ -36,8 +36,8 @@ class pbuf;
 // The pointers are valid during the call only.
 struct _libkypSubscribelCallBack {
     void (*callback)(unsigned int indexGroup, unsigned int indexOffset, char const* topic,
-                     char const* data, unsigned int len, void* ctx);
-    void* ctx;  // handed to the callback; not owned
+                     char const* data, unsigned int length, void* user);
+    void* user;  // handed to the callback; not owned
 };
 static_assert(sizeof(_libkypSubscribelCallBack) == 16, "the layout is the binary interface");
 

@@ -304,7 +304,7 @@ int CompModule::process_subscribe_message(_KypHeader&, _AoEHeader&, RecvBuf* buf
     if (target.callback == nullptr) return 0;
     target.callback(message.indexGroup, message.indexOffset, message.topic.c_str(),
                     message.data.data(), static_cast<unsigned int>(message.data.size()),
-                    target.ctx);
+                    target.user);
     return 0;
 }
 
@@ -345,7 +345,7 @@ int CompModule::reconnect_event() {
     // A copy: each subscribe() enters its topic again.
     auto const topics = subscribeMap;
     for (auto const& [topic, target] : topics) {
-        (void)subscribe(topic.c_str(), target.callback, target.ctx);
+        (void)subscribe(topic.c_str(), target.callback, target.user);
     }
     return 0;
 }

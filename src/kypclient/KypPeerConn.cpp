@@ -400,7 +400,7 @@ int IKypPeerConnection::filter(char const* data, unsigned int len) {
     if (target.callback != nullptr) {
         target.callback(message.indexGroup, message.indexOffset, message.topic.c_str(),
                         message.data.data(), static_cast<unsigned int>(message.data.size()),
-                        target.ctx);
+                        target.user);
     }
     return 0;
 }

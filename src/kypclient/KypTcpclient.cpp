@@ -248,6 +248,6 @@ void CTcpclient::handle_reconnection() {
 
 void CTcpclient::resume_subscriptions() {
     for (auto const& [topic, target] : GetSubscribeTopics()) {
-        subscribe(topic.c_str(), target.callback, target.ctx);
+        subscribe(topic.c_str(), target.callback, target.user);
     }
 }

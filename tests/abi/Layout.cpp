@@ -464,7 +464,7 @@ KYP_FIELD(KypResponse, result, 104, 4);
 
 KYP_SIZE(_libkypSubscribelCallBack, 16);
 KYP_FIELD(_libkypSubscribelCallBack, callback, 0, 8);
-KYP_FIELD(_libkypSubscribelCallBack, ctx, 8, 8);
+KYP_FIELD(_libkypSubscribelCallBack, user, 8, 8);
 
 KYP_SIZE(IKypPeerConnection, 56312);
 KYP_FIELD(IKypPeerConnection, m_reconnectEnabled, 8, 1);

@@ -613,7 +613,7 @@ TEST_F(CompModuleTest, SubscribeTellsTheServerAndKeepsTheTopic) {
     EXPECT_EQ(hex(subscribe_frame(1, "limits")), hex(m_server.receive()));
     ASSERT_EQ(1U, m_module->subscribeMap.count("limits"));
     EXPECT_EQ(&record_topic, m_module->subscribeMap["limits"].callback);
-    EXPECT_EQ(this, m_module->subscribeMap["limits"].ctx);
+    EXPECT_EQ(this, m_module->subscribeMap["limits"].user);
 }
 
 TEST_F(CompModuleTest, SubscribingAgainReplacesAndTellsTheServerAgain) {
@@ -623,7 +623,7 @@ TEST_F(CompModuleTest, SubscribingAgainReplacesAndTellsTheServerAgain) {
     EXPECT_EQ(0, m_module->subscribe("limits", record_topic, this));
     EXPECT_EQ(1U, m_module->subscribeMap.size());
     EXPECT_EQ(&record_topic, m_module->subscribeMap["limits"].callback);
-    EXPECT_EQ(this, m_module->subscribeMap["limits"].ctx);
+    EXPECT_EQ(this, m_module->subscribeMap["limits"].user);
     EXPECT_EQ(hex(subscribe_frame(1, "limits")), hex(m_server.receive()));
     EXPECT_EQ(hex(subscribe_frame(2, "limits")), hex(m_server.receive()));
 }

@@ -67,7 +67,7 @@ TEST_F(KypPeerConnTopicsTest, SubscribingEntersTheTopicAndTellsThePeer) {
     const auto topics = m_conn.GetSubscribeTopics();
     ASSERT_EQ(1u, topics.size());
     EXPECT_TRUE(topics.at("topic").callback == TopicCalls::record);
-    EXPECT_EQ(&m_calls, topics.at("topic").ctx);
+    EXPECT_EQ(&m_calls, topics.at("topic").user);
 }
 
 TEST_F(KypPeerConnTopicsTest, SubscribingTwiceReplacesTheCallbackAndTellsThePeerAgain) {
