@@ -1,5 +1,8 @@
 #include "compmodule/business_data_layer.h"
 
+#include <poll.h>
+#include <sys/ioctl.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -48,17 +51,30 @@ void hold_frame(RecvBuf& holder, pbuf* buf, int size) {
     holder.AddBufSize(size);
 }
 
-// Waits for the next frame to begin. False when `ms` have passed; true also when the link is gone,
-// for the read that follows to say so.
-bool wait_for_frame(CNetChannel& channel, int ms) {
+// Whether a read of the next head would not wait: the head is there whole, or the link has ended.
+bool is_head_there(int fd) {
+    int bytes = 0;
+    if (ioctl(fd, FIONREAD, &bytes) == -1 || bytes >= static_cast<int>(sizeof(_KypHeader))) {
+        return true;
+    }
+    pollfd link = {fd, POLLRDHUP, 0};
+    return poll(&link, 1, 0) != 0;
+}
+
+// Waits for the head of the next frame. False when `ms` have passed; true also when the link is
+// gone, for the read that follows to say so.
+bool wait_for_head(CNetChannel& channel, int ms) {
     using Clock = std::chrono::steady_clock;
     const auto end = Clock::now() + std::chrono::milliseconds(ms);
     for (;;) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
         // A signal ends a single wait early.
-        if (channel.waiting(static_cast<int>(std::max<int64_t>(left, 0)))) return true;
+        const bool hasBegun = channel.waiting(static_cast<int>(std::max<int64_t>(left, 0)));
         if (!channel.socket->isConnected()) return true;
+        if (hasBegun && is_head_there(channel.socket->m_fd)) return true;
         if (left <= 0) return false;
+        // A head that stops half-way would end every wait at once.
+        if (hasBegun) CComm::Sleep(1);
     }
 }
 
@@ -218,7 +234,7 @@ int BusinessDataLayer::register_package_send(CompRegisterPackage* pkg) {
 }
 
 int BusinessDataLayer::register_package_recv(CompRegisterPackage* pkg) {
-    if (!wait_for_frame(*channel, kIoMs)) {
+    if (!wait_for_head(*channel, kIoMs)) {
         tlsErrno = KYP_ERR_RECV_TIMEOUT;
         return tlsErrno;
     }

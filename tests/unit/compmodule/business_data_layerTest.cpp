@@ -526,6 +526,41 @@ TEST_F(BusinessDataLayerTest, ReplyThatDoesNotComeTimesOutAndLeavesTheLink) {
     EXPECT_EQ(0, m_layer.register_component());
 }
 
+TEST_F(BusinessDataLayerTest, ReplyWhoseHeadStopsHalfWayTimesOutAndLeavesTheLink) {
+    const Bytes reply = response_frame(102, 9, 1, register_body(0x1001, 0x4003, "drive0", 0, 0));
+    establish();
+    m_server.send(Bytes(reply.begin(), reply.begin() + 7));
+
+    EXPECT_EQ(0x1008, m_layer.register_component());
+
+    EXPECT_EQ(0x1008, tlsErrno);
+    EXPECT_TRUE(m_channel.isconnected());
+    m_server.send(Bytes(reply.begin() + 7, reply.end()));
+    EXPECT_EQ(0x4003, m_layer.register_component());
+}
+
+TEST_F(BusinessDataLayerTest, ReplyMayComeInPieces) {
+    establish();
+    const Bytes reply = response_frame(102, 9, 1, register_body(0x1001, 0x4003, "drive0", 0, 0));
+    m_server.send(Bytes(reply.begin(), reply.begin() + 3));
+    auto status = std::async(std::launch::async, [this] { return m_layer.register_component(); });
+    m_server.receive_frame();
+
+    m_server.send(Bytes(reply.begin() + 3, reply.end()));
+
+    EXPECT_EQ(0x4003, status.get());
+}
+
+TEST_F(BusinessDataLayerTest, LinkThatEndsInsideTheHeadOfAReplyIsNotWaitedFor) {
+    establish();
+    m_server.send(bytes("00 01 66"));
+    m_server.shut_writing();
+
+    EXPECT_EQ(5, m_layer.register_component());
+
+    EXPECT_FALSE(m_channel.isconnected());
+}
+
 TEST_F(BusinessDataLayerTest, SignalDoesNotEndTheWaitForAReply) {
     establish();
     LogCapture log;
