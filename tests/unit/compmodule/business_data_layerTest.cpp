@@ -105,7 +105,12 @@ public:
     int Shutdown() override { return 0; }
     bool isConnected() override { return true; }
     int write(const Frame& /*frame*/, int /*timeoutMs*/) override { return 1; }
-    int write(const char* /*buf*/, unsigned int /*len*/, int /*timeoutMs*/) override { return 1; }
+    int write(const char* /*buf*/, unsigned int /*len*/, int timeoutMs) override {
+        m_timeouts.push_back(timeoutMs);
+        return 1;
+    }
+
+    std::vector<int> m_timeouts;  // of the writes
 };
 
 // The body of a registration, from its table.
@@ -196,6 +201,7 @@ TEST_F(BusinessDataLayerTest, NewLayerHasNoThreadAndNoConnection) {
     EXPECT_EQ(nullptr, layer.connectCallback);
     EXPECT_EQ(nullptr, layer.messageCallback);
     EXPECT_FALSE(m_channel.isconnected());
+    EXPECT_LT(layer.reconnectTimer.getElapsedSecond(), 3600);
 }
 
 TEST_F(BusinessDataLayerTest, CallbacksAreStored) {
@@ -313,6 +319,19 @@ TEST_F(BusinessDataLayerTest, SuccessfulRegistrationIsMarkedAndLogged) {
     EXPECT_EQ(0, tlsErrno);
     EXPECT_TRUE(m_layer.registered);
     EXPECT_EQ(1, log.count("DEBUG", "component drive0 register cmd:4097 success"));
+}
+
+TEST_F(BusinessDataLayerTest, ALaterRefusalDoesNotTakeTheMarkBack) {
+    establish();
+    answer({});
+    ASSERT_EQ(0, m_layer.register_component());
+
+    answer(register_body(0x1001, 0x4003, "drive0", 0, 0));
+    EXPECT_EQ(0x4003, m_layer.register_component());
+    EXPECT_TRUE(m_layer.registered);
+    m_channel.disconnect();
+    EXPECT_EQ(0x4007, m_layer.register_component());
+    EXPECT_TRUE(m_layer.registered);
 }
 
 TEST_F(BusinessDataLayerTest, RegistrationOnADownChannelSendsNothing) {
@@ -684,13 +703,27 @@ TEST_F(BusinessDataLayerTest, TopicFrameOnADownChannelGivesDisconnected) {
 
 TEST_F(BusinessDataLayerTest, TopicFrameThatTheLinkTakesInPartTimesOut) {
     establish();
-    m_channel.socket = std::make_shared<SlowSocket>();
+    auto socket = std::make_shared<SlowSocket>();
+    m_channel.socket = socket;
     LogCapture log;
 
     EXPECT_EQ(10, m_layer.publish("speed", 0, 0, "x", 1));
 
     EXPECT_EQ(10, tlsErrno);
+    EXPECT_THAT(socket->m_timeouts, ElementsAre(5000));
     EXPECT_EQ(1, log.count("ERROR", "channel write fail,err:10,msg:send timeout"));
+}
+
+TEST_F(BusinessDataLayerTest, RegistrationThatTheLinkTakesInPartTimesOut) {
+    establish();
+    auto socket = std::make_shared<SlowSocket>();
+    m_channel.socket = socket;
+
+    EXPECT_EQ(10, m_layer.register_component());
+
+    EXPECT_EQ(10, tlsErrno);
+    EXPECT_THAT(socket->m_timeouts, ElementsAre(5000));
+    EXPECT_FALSE(m_layer.registered);
 }
 
 TEST_F(BusinessDataLayerTest, TopicFramesGiveTheirBuffersBack) {

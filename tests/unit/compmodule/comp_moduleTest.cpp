@@ -332,6 +332,15 @@ TEST_F(CompModuleTest, InitReadsTheSettingsOfTheComponent) {
     EXPECT_EQ(40U, m_module->conf.sched_priority);
 }
 
+TEST_F(CompModuleTest, InitReadsTheSettingsAlsoWithoutAServer) {
+    std::ofstream("/opt/kyp/libkyp.ini") << "[cmp]\nloglevel=warn\n";
+    utility::instance<libkyp::compmodule::CCmpSysInit>().LoadConfigfile();
+    m_server.kill();
+
+    EXPECT_EQ(KYP_ERR_SERVER_OFFLINE, m_module->init_comp_module());
+    EXPECT_EQ(4, m_module->conf.loglevel);
+}
+
 TEST_F(CompModuleTest, InitHandsTheModuleToItsCallbacks) {
     serve({verdict_frame(1)}, [this] { EXPECT_EQ(0, m_module->init_comp_module()); });
 
@@ -556,20 +565,32 @@ TEST_F(CompModuleTest, APortOfALinkThatIsDownIsLeftForTheNextReconnect) {
     EXPECT_EQ(0, log.count_containing("channel has been disconnected"));
 }
 
-TEST_F(CompModuleTest, AServerThatClosesInsteadOfAnsweringIsALostLink) {
-    connect();
-    m_module->state = kConstructed | kConnected | kRegistered | kRoutePort;
-    LogCapture log;
-    auto server = std::async(std::launch::async, [this] {
-        m_server.receive();
-        m_server.peer().close();
-    });
+TEST_F(CompModuleTest, ALinkThatEndsInsteadOfAnAnswerIsALostLink) {
+    struct Row {
+        Bytes sent;
+        int status;
+        unsigned short port;
+    };
+    for (Row const& row :
+         {Row{{}, KYP_ERR_DISCONNECTED, 600}, Row{kyp_head(102, 30), KYP_ERR_HEADER_LENGTH, 601}}) {
+        SCOPED_TRACE(row.port);
+        connect();
+        m_module->state = kConstructed | kConnected | kRegistered | kRoutePort;
+        LogCapture log;
+        auto server = std::async(std::launch::async, [this, &row] {
+            m_server.receive();
+            m_server.send(row.sent);
+            m_server.peer().close();
+        });
 
-    EXPECT_EQ(KYP_ERR_DISCONNECTED, m_module->register_route_port(600, record_route, nullptr));
-    server.get();
-    EXPECT_EQ(kConstructed, state());
-    EXPECT_THAT(m_module->routePorts, ElementsAre(600));
-    EXPECT_EQ(1, log.count("ERROR", "component:cmp and kypserver channel has been disconnected"));
+        EXPECT_EQ(row.status, m_module->register_route_port(row.port, record_route, nullptr));
+        server.get();
+        EXPECT_EQ(row.status, tlsErrno);
+        EXPECT_EQ(kConstructed, state());
+        EXPECT_EQ(row.port, m_module->routePorts.back());
+        EXPECT_EQ(1,
+                  log.count("ERROR", "component:cmp and kypserver channel has been disconnected"));
+    }
 }
 
 TEST_F(CompModuleTest, AReplyWithABadPortEndsTheLinkWithoutAnEvent) {
@@ -640,6 +661,13 @@ TEST_F(CompModuleTest, UnsubscribeTellsTheServerAndForgetsTheTopic) {
 
     EXPECT_EQ(0, m_module->unsubscribe("limits"));
     EXPECT_EQ(hex(unsubscribe_frame(2, "limits")), hex(m_server.receive()));
+    EXPECT_TRUE(m_module->subscribeMap.empty());
+}
+
+TEST_F(CompModuleTest, ATopicIsForgottenAlsoWhenTheLinkIsDown) {
+    m_module->subscribe("limits", record_topic, this);
+
+    EXPECT_EQ(KYP_ERR_DISCONNECTED, m_module->unsubscribe("limits"));
     EXPECT_TRUE(m_module->subscribeMap.empty());
 }
 
@@ -918,13 +946,21 @@ TEST_F(CompModuleTest, AClientIsKnownToTheApplicationBeforeItsRequestIs) {
                      },
                      nullptr));
     watch_clients();
+    static LogCapture* s_log;
+    static CompModule* s_module;
+    LogCapture log;
+    s_log = &log;
+    s_module = m_module.get();
     m_module->getconfig()->onConnect = [](VirtualConn* conn, void*) {
         EXPECT_TRUE(conn->IsOpen());
+        EXPECT_EQ(conn, s_module->connMap.at(5));
+        EXPECT_EQ(0, s_log->count_containing("new virtual connection"));
         s_order.push_back("client");
     };
 
     deliver(forward_frame(600, 9, 1, 5));
     EXPECT_THAT(s_order, ElementsAre("client", "request"));
+    EXPECT_EQ(1, log.count_containing("new virtual connection"));
 }
 
 TEST_F(CompModuleTest, AClientThatLeavesFreesItsSlotAndItsFrameEndsThere) {
@@ -950,9 +986,13 @@ TEST_F(CompModuleTest, AClientIsStillThereWhenItsEndIsTold) {
     watch_clients();
     static CompModule* s_module;
     s_module = m_module.get();
+    static LogCapture* s_log;
+    LogCapture log;
+    s_log = &log;
     m_module->getconfig()->onDisconnect = [](VirtualConn* conn, void*) {
         EXPECT_TRUE(conn->IsOpen());
         EXPECT_EQ(1U, s_module->connMap.count(5));
+        EXPECT_EQ(0, s_log->count_containing("client fd:5 disconnect"));
         g_clients.push_back("told");
     };
     deliver(forward_frame(600, 9, 1, 5));

@@ -5,10 +5,12 @@
 #include <cerrno>
 #include <climits>
 #include <map>
+#include <memory>
 #include <thread>
 
 #include "compmodule/net_channel.h"
 #include "kypcomm/KypStatus.h"
+#include "kypcomm/Socket.h"
 #include "kypcomm/pbuf/pbuf.h"
 #include "support/CallGate.h"
 #include "support/ComponentFrames.h"
@@ -22,6 +24,22 @@ constexpr int kTimeoutMs = 5000;
 _AoEHeader answer_head(uint32_t invokeId, uint32_t error = 0) {
     return {utils_htonl(error), utils_htonl(invokeId), utils_htons(9), 0, 1};
 }
+
+// Writes nothing, for a reason that the test chooses.
+class FailingSocket : public Socket {
+public:
+    FailingSocket() : Socket("", 0, 0, false) {}
+    bool Connect(int /*timeoutMs*/) override { return true; }
+    int Shutdown() override { return 0; }
+    bool isConnected() override { return true; }
+    int write(const Frame& /*frame*/, int /*timeoutMs*/) override { return -1; }
+    int write(const char* /*buf*/, unsigned int /*len*/, int /*timeoutMs*/) override {
+        tlsErrno = m_status;
+        return -1;
+    }
+
+    int m_status = 0;
+};
 
 // A connection for client 5 on a channel whose far end the test holds.
 class VirtualConnTest : public testing::Test {
@@ -200,6 +218,24 @@ TEST_F(VirtualConnTest, AClosedDescriptorIsADisconnect) {
 
     EXPECT_EQ(-1, answer("CD"));
     EXPECT_EQ(KYP_ERR_DISCONNECTED, tlsErrno);
+}
+
+TEST_F(VirtualConnTest, AnAnswersFaultHasOneOfTwoCodes) {
+    auto socket = std::make_shared<FailingSocket>();
+    m_channel.socket = socket;
+    struct Row {
+        int left;
+        int status;
+    };
+    for (Row const row : {Row{9, KYP_ERR_DISCONNECTED}, Row{0x20, KYP_ERR_DISCONNECTED},
+                          Row{5, KYP_ERR_SEND}, Row{10, KYP_ERR_SEND}, Row{0, KYP_ERR_SEND},
+                          Row{ENOBUFS, KYP_ERR_SEND}, Row{KYP_ERR_PACKET_TOO_LONG, KYP_ERR_SEND}}) {
+        SCOPED_TRACE(row.left);
+        socket->m_status = row.left;
+
+        EXPECT_EQ(-1, answer("CD"));
+        EXPECT_EQ(row.status, tlsErrno);
+    }
 }
 
 TEST_F(VirtualConnTest, AMissingChannelIsADisconnect) {
