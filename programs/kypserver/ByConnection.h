@@ -54,6 +54,15 @@ public:
         return made->value;
     }
 
+    // Calls visit(value) for each, those that come meanwhile perhaps not.
+    template <typename Visit>
+    void for_each(Visit visit) const {
+        for (auto const& head : m_buckets) {
+            Node const* node = head.load(std::memory_order_acquire);
+            for (; node != nullptr; node = node->next) visit(node->value);
+        }
+    }
+
 private:
     struct Node {
         explicit Node(IConnection* owner) : conn(owner) {}

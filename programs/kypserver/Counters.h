@@ -20,7 +20,7 @@ public:
     enum Drop {
         DROP_TOPIC_MESSAGE,  // its subscriber reads too slowly
         DROP_DATAGRAM,       // not a request, or one too many
-        DROP_FORWARD,        // its component reads too slowly
+        DROP_FORWARD,        // a request: its component reads too slowly
         DROP_REPLY,          // nobody waits for it any more
         DROP_CLIENT,         // a connection that had too much under way
         DROP_KINDS

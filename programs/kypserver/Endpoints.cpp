@@ -87,13 +87,8 @@ bool register_endpoint(ISocketServer* server, int (ISocketServer::*handler)(CSoc
 
 }  // namespace
 
-CEndpoints::CEndpoints(Options const& options, CConnections const& connections, CSendLedger& ledger,
-                       CHeldBytes& held, CStrands& strands)
-    : m_options(options),
-      m_connections(connections),
-      m_ledger(ledger),
-      m_held(held),
-      m_strands(strands) {}
+CEndpoints::CEndpoints(Options const& options, Traffic const& traffic)
+    : m_options(options), m_traffic(traffic) {}
 
 CEndpoints::~CEndpoints() = default;
 
@@ -139,8 +134,7 @@ std::string CEndpoints::open_tcp() {
     std::string problem = probe(address, SOCK_STREAM, "--tcp-address");
     if (!problem.empty()) return problem;
 
-    m_tcp = std::make_unique<CTcpEndpoint>(m_connections, m_ledger, m_held, m_strands,
-                                           address.host.c_str(), address.port);
+    m_tcp = std::make_unique<CTcpEndpoint>(m_traffic, address.host.c_str(), address.port);
     return is_listening(m_tcp->get_listen_sock()) ? "" : not_opened("TCP " + text_of(address));
 }
 
@@ -150,8 +144,7 @@ std::string CEndpoints::open_domain() {
     if (!problem.empty()) return problem;
 
     mode_t const usual = umask(kDomainUmask);
-    m_domain =
-        std::make_unique<CDomainEndpoint>(m_connections, m_ledger, m_held, m_strands, path.c_str());
+    m_domain = std::make_unique<CDomainEndpoint>(m_traffic, path.c_str());
     umask(usual);
     return is_listening(m_domain->get_listen_sock()) ? "" : not_opened(path);
 }
@@ -161,7 +154,8 @@ std::string CEndpoints::open_udp() {
     std::string problem = probe(address, SOCK_DGRAM, "--udp-address");
     if (!problem.empty()) return problem;
 
-    m_udp = std::make_unique<CUdpEndpoint>(m_held, address.host.c_str(), address.port);
+    m_udp = std::make_unique<CUdpEndpoint>(m_traffic.held, m_traffic.counters, address.host.c_str(),
+                                           address.port);
     return bound_port(m_udp->get_listen_sock()) != 0 ? "" : not_opened("UDP " + text_of(address));
 }
 

@@ -18,8 +18,7 @@ namespace kypserver {
 
 class CEndpoints {
 public:
-    CEndpoints(Options const& options, CConnections const& connections, CSendLedger& ledger,
-               CHeldBytes& held, CStrands& strands);
+    CEndpoints(Options const& options, Traffic const& traffic);
     ~CEndpoints();
     CEndpoints(CEndpoints const&) = delete;
     CEndpoints& operator=(CEndpoints const&) = delete;
@@ -40,10 +39,7 @@ private:
     std::string open_udp();
 
     Options const& m_options;
-    CConnections const& m_connections;
-    CSendLedger& m_ledger;
-    CHeldBytes& m_held;
-    CStrands& m_strands;
+    Traffic const m_traffic;
     CPathGuard m_pathGuard;  // lets go behind the end of m_domain
     std::unique_ptr<CTcpEndpoint> m_tcp;
     std::unique_ptr<CDomainEndpoint> m_domain;

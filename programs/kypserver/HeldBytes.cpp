@@ -72,6 +72,15 @@ size_t CHeldBytes::held(IConnection* conn) const {
     return held > 0 ? static_cast<size_t>(held) : 0;
 }
 
+size_t CHeldBytes::held() const {
+    size_t sum = 0;
+    m_accounts.for_each([&sum](Account const& account) {
+        int64_t const held = account.held.load(std::memory_order_relaxed);
+        if (held > 0) sum += static_cast<size_t>(held);
+    });
+    return sum;
+}
+
 void CHeldBytes::add(IConnection* conn, int64_t bytes) {
     Account* const own = m_accounts.find(conn);
     if (own != nullptr) own->held.fetch_add(bytes, std::memory_order_relaxed);

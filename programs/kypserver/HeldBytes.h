@@ -53,6 +53,7 @@ public:
     void left(IConnection* conn, unsigned short port, size_t size);
 
     size_t held(IConnection* conn) const;
+    size_t held() const;  // for all clients
 
 private:
     struct Account {

@@ -73,6 +73,10 @@ unsigned int CRegistry::reason(uint32_t port) const {
     return wasServed ? KYP_ERR_COMPONENT_OFFLINE : KYP_ERR_ROUTE_NOT_REGISTERED;
 }
 
+std::unordered_map<CSocketConnection*, Component> const& CRegistry::all() const {
+    return m_components;
+}
+
 size_t CRegistry::count() const {
     return m_components.size();
 }

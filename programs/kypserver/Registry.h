@@ -51,6 +51,7 @@ public:
     unsigned int reason(uint32_t port) const;
 
     size_t count() const;  // components
+    std::unordered_map<CSocketConnection*, Component> const& all() const;
 
 private:
     struct Port {

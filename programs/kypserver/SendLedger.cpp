@@ -129,6 +129,13 @@ size_t CSendLedger::waiting(IConnection* conn) const {
     return found != m_links.end() ? found->second.waiting : 0;
 }
 
+size_t CSendLedger::waiting() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    size_t sum = 0;
+    for (auto const& [conn, link] : m_links) sum += link.waiting;
+    return sum;
+}
+
 uint64_t CSendLedger::dropped() const {
     return m_dropped.load(std::memory_order_relaxed);
 }

@@ -70,6 +70,7 @@ public:
 
     // Bytes queued for `conn` that have not left, the frame being sent included.
     size_t waiting(IConnection* conn) const;
+    size_t waiting() const;    // for all connections
     uint64_t dropped() const;  // frames of all connections since the start
 
 private:

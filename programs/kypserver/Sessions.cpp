@@ -91,6 +91,15 @@ std::vector<CSessions::Unanswered> CSessions::end_component(CSocketConnection* c
     return unanswered;
 }
 
+size_t CSessions::clients(CSocketConnection const* component) const {
+    auto const has = [component](Session const& session) { return session.component == component; };
+    return static_cast<size_t>(
+        std::count_if(m_clients.begin(), m_clients.end(), [&has](auto const& entry) {
+            auto const& sessions = entry.second.sessions;
+            return std::any_of(sessions.begin(), sessions.end(), has);
+        }));
+}
+
 CSessions::Session* CSessions::find(std::vector<Session>& sessions, CSocketConnection* component) {
     auto const found = std::find_if(
         sessions.begin(), sessions.end(),

@@ -59,6 +59,9 @@ public:
     // Ends the sessions of `component`: nothing comes from it any more.
     std::vector<Unanswered> end_component(CSocketConnection* component);
 
+    // How many clients have called `component`.
+    size_t clients(CSocketConnection const* component) const;
+
 private:
     struct Session {
         CSocketConnection* component;

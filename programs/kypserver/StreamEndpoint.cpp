@@ -48,14 +48,16 @@ void drop_messages(CSocketConnection* conn) {
     conn->m_pSendMsg = nullptr;
 }
 
-void count_as_left(CSocketConnection* conn, CSendLedger& ledger, CHeldBytes& held) {
+void count_as_left(CSocketConnection* conn, Traffic const& traffic) {
     // The message is this thread's until the write handler has destroyed it.
     CMsgHeader* const msg = conn->m_pSendMsg;
-    if (ledger.left(conn, msg->getpBuf())) return;
+    auto const size = static_cast<size_t>(msg->GetVaildSize());
+    traffic.counters.sent(msg->GetVaildData(), size);
+    if (traffic.ledger.left(conn, msg->getpBuf())) return;
 
     _KypHeader head;
     memcpy(&head, msg->GetVaildData(), sizeof head);
-    held.left(conn, head.port, static_cast<size_t>(msg->GetVaildSize()));
+    traffic.held.left(conn, head.port, size);
 }
 
 }  // namespace kypserver

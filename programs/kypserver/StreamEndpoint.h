@@ -2,7 +2,7 @@
 // number of peers and on what is held for each, word of the frames that have left, and the order of
 // those that come in.
 //
-// Threads and lifetime: as ISocketServer; outlived by connections, ledger, held bytes and strands.
+// Threads and lifetime: as ISocketServer; outlived by whoever watches the traffic.
 #ifndef KYP_PROGRAMS_KYPSERVER_STREAMENDPOINT_H
 #define KYP_PROGRAMS_KYPSERVER_STREAMENDPOINT_H
 
@@ -12,11 +12,21 @@
 #include "kypcore/TcpDomainServer.h"
 #include "kypcore/TcpServer.h"
 #include "kypserver/Connections.h"
+#include "kypserver/Counters.h"
 #include "kypserver/HeldBytes.h"
 #include "kypserver/SendLedger.h"
 #include "kypserver/Strands.h"
 
 namespace kypserver {
+
+// Who watches the frames that come and go.
+struct Traffic {
+    CConnections const& connections;
+    CSendLedger& ledger;
+    CHeldBytes& held;
+    CStrands& strands;
+    CCounters& counters;
+};
 
 // Takes the next peer in and shuts the door on it; one report for each.
 void turn_away(int listenSock);
@@ -31,23 +41,18 @@ bool has_head(CSocketConnection* conn);
 void drop_messages(CSocketConnection* conn);
 
 // Tells whoever counts that the message being sent has left whole.
-void count_as_left(CSocketConnection* conn, CSendLedger& ledger, CHeldBytes& held);
+void count_as_left(CSocketConnection* conn, Traffic const& traffic);
 
 template <typename Server>
 class CStreamEndpoint : public Server {
 public:
     // `address` is what Server takes.
     template <typename... Address>
-    CStreamEndpoint(CConnections const& connections, CSendLedger& ledger, CHeldBytes& held,
-                    CStrands& strands, Address... address)
-        : Server(address...),
-          m_connections(connections),
-          m_ledger(ledger),
-          m_held(held),
-          m_strands(strands) {}
+    explicit CStreamEndpoint(Traffic const& traffic, Address... address)
+        : Server(address...), m_traffic(traffic) {}
 
     int sock_event_accept(CSocketConnection* listenConn) override {
-        if (m_connections.has_room()) return Server::sock_event_accept(listenConn);
+        if (m_traffic.connections.has_room()) return Server::sock_event_accept(listenConn);
         turn_away(this->get_listen_sock());
         return -1;
     }
@@ -58,12 +63,14 @@ public:
         int const result = Server::sock_read_request_handler(conn);
         if (hadHead || !has_head(conn)) return result;
 
-        if (!m_held.take(conn, conn->m_recvHeader)) {
-            report_overload(m_connections.name(conn));
+        if (!m_traffic.held.take(conn, conn->m_recvHeader)) {
+            m_traffic.counters.dropped(CCounters::DROP_CLIENT);
+            report_overload(m_traffic.connections.name(conn));
             return this->sock_close_connection(conn);
         }
         // Now, since a worker may have the message as soon as the body is there.
-        m_strands.expect(conn->m_pRecvMsg, conn->m_recvHeader);
+        m_traffic.strands.expect(conn->m_pRecvMsg, conn->m_recvHeader);
+        m_traffic.counters.received(sizeof(_KypHeader) + conn->m_recvHeader.nMsgLen);
         return result;
     }
 
@@ -75,16 +82,13 @@ public:
     int sendproc(CSocketConnection* conn, unsigned char* data, unsigned int size) override {
         int const sent = Server::sendproc(conn, data, size);
         if (sent > 0 && static_cast<unsigned int>(sent) == size) {
-            count_as_left(conn, m_ledger, m_held);
+            count_as_left(conn, m_traffic);
         }
         return sent;
     }
 
 private:
-    CConnections const& m_connections;
-    CSendLedger& m_ledger;
-    CHeldBytes& m_held;
-    CStrands& m_strands;
+    Traffic const m_traffic;
 };
 
 using CTcpEndpoint = CStreamEndpoint<TcpServer>;

@@ -8,6 +8,7 @@
 #include "kypcore/SocketConnection.h"
 #include "kypserver/ComponentFrames.h"
 #include "kypserver/Connections.h"
+#include "kypserver/Counters.h"
 #include "kypserver/HeldBytes.h"
 #include "kypserver/SendLedger.h"
 #include "kypserver/ServerLog.h"
@@ -40,8 +41,9 @@ std::string on_port(_KypHeader const& head) {
 
 }  // namespace
 
-CSwitchboard::CSwitchboard(CConnections const& connections, CSendLedger& ledger, CHeldBytes& held)
-    : m_connections(connections), m_ledger(ledger), m_held(held) {}
+CSwitchboard::CSwitchboard(CConnections const& connections, CSendLedger& ledger, CHeldBytes& held,
+                           CCounters& counters)
+    : m_connections(connections), m_ledger(ledger), m_held(held), m_counters(counters) {}
 
 void CSwitchboard::handle(CMsgHeader& msg, _KypHeader const& head, _AoEHeader const& aoe) {
     CSocketConnection* const peer = msg.m_pConn;
@@ -106,6 +108,18 @@ size_t CSwitchboard::components() const {
     return m_registry.count();
 }
 
+std::vector<CSwitchboard::ComponentState> CSwitchboard::state() const {
+    std::vector<ComponentState> all;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    for (auto const& [channel, component] : m_registry.all()) {
+        all.push_back({component.name, component.ports, m_sessions.clients(channel),
+                       m_ledger.waiting(channel)});
+    }
+    std::sort(all.begin(), all.end(),
+              [](ComponentState const& a, ComponentState const& b) { return a.name < b.name; });
+    return all;
+}
+
 // Returns 0 or why the request is refused.
 unsigned int CSwitchboard::pass_on(CMsgHeader& msg, _KypHeader const& head, _AoEHeader const& aoe,
                                    Fault& fault) {
@@ -132,8 +146,10 @@ unsigned int CSwitchboard::pass_on(CMsgHeader& msg, _KypHeader const& head, _AoE
             fault.text = "component " + m_registry.find(component)->name +
                          " reads too slowly: as much waits for it as may (--max-waiting-bytes), "
                          "requests to it are refused";
+            m_counters.dropped(CCounters::DROP_FORWARD);
             return KYP_ERR_SEND;
         default:
+            m_counters.dropped(CCounters::DROP_FORWARD);
             return KYP_ERR_SEND;
     }
 }
@@ -156,6 +172,7 @@ void CSwitchboard::lead_back(CMsgHeader& msg, _KypHeader const& head, _AoEHeader
     }
     _KypforwardHeader forward;
     if (!read_forward_head(msg, forward)) {
+        m_counters.dropped(CCounters::DROP_REPLY);
         fault.text = "an answer of component " + component->name + on_port(head) +
                      " is dropped: it is too short";
         return;
@@ -165,11 +182,13 @@ void CSwitchboard::lead_back(CMsgHeader& msg, _KypHeader const& head, _AoEHeader
         case CSessions::FOR_CLIENT:
             return give_to_client(client, msg, head, aoe, fault);
         case CSessions::NEVER_CALLED:
+            m_counters.dropped(CCounters::DROP_REPLY);
             fault.text = "an answer of component " + component->name + on_port(head) +
                          " is dropped: client " + std::to_string(forward.replyFd) +
                          " has never called it";
             return;
         case CSessions::CLIENT_HAS_GONE:
+            m_counters.dropped(CCounters::DROP_REPLY);
             return;
     }
 }
@@ -179,6 +198,7 @@ void CSwitchboard::give_to_client(CSocketConnection* client, CMsgHeader& msg,
                                   _KypHeader const& head, _AoEHeader const& aoe, Fault& fault) {
     auto const payload = static_cast<size_t>(msg.GetVaildSize()) - sizeof(_KypforwardHeader);
     if (!m_held.has_room(client, payload)) {
+        m_counters.dropped(CCounters::DROP_CLIENT);
         fault = {"the connection of " + m_connections.name(client) +
                      " is closed: it has as many answers unread as may be (--max-held-bytes)",
                  client};

@@ -25,12 +25,14 @@ class IConnection;
 namespace kypserver {
 
 class CConnections;
+class CCounters;
 class CHeldBytes;
 class CSendLedger;
 
 class CSwitchboard : public IFrameHandler {
 public:
-    CSwitchboard(CConnections const& connections, CSendLedger& ledger, CHeldBytes& held);
+    CSwitchboard(CConnections const& connections, CSendLedger& ledger, CHeldBytes& held,
+                 CCounters& counters);
 
     // A request goes to its port's component, with the client's number in front of its payload.
     // Refused are, with the code in the answer: a port that nobody serves (0x1006) or whose
@@ -56,6 +58,14 @@ public:
 
     size_t components() const;
 
+    struct ComponentState {
+        std::string name;
+        std::vector<unsigned short> ports;
+        size_t clients;       // that have called it and are still there
+        size_t waitingBytes;  // towards it
+    };
+    std::vector<ComponentState> state() const;  // in the order of the names
+
 private:
     // What somebody has done wrong, told and acted upon when the lock is free again.
     struct Fault {
@@ -77,6 +87,7 @@ private:
     CConnections const& m_connections;
     CSendLedger& m_ledger;
     CHeldBytes& m_held;
+    CCounters& m_counters;
     mutable std::mutex m_mutex;  // guards the two below
     CRegistry m_registry;
     CSessions m_sessions;

@@ -5,6 +5,7 @@
 
 #include "kypcomm/KypStatus.h"
 #include "kypserver/Connections.h"
+#include "kypserver/Counters.h"
 #include "kypserver/SendLedger.h"
 #include "kypserver/ServerLog.h"
 #include "kypserver/TopicBody.h"
@@ -36,8 +37,9 @@ _AoEHeader delivery_aoe() {
 
 }  // namespace
 
-CTopicBroker::CTopicBroker(CConnections const& connections, CSendLedger& ledger, size_t maxTopics)
-    : m_connections(connections), m_ledger(ledger), m_maxTopics(maxTopics) {}
+CTopicBroker::CTopicBroker(CConnections const& connections, CSendLedger& ledger,
+                           CCounters& counters, size_t maxTopics)
+    : m_connections(connections), m_ledger(ledger), m_counters(counters), m_maxTopics(maxTopics) {}
 
 unsigned short CTopicBroker::port() const {
     return kPortPubSub;
@@ -78,6 +80,14 @@ size_t CTopicBroker::subscribers(std::string_view topic) const {
     return found != m_topics.end() ? found->second.size() : 0;
 }
 
+CTopicBroker::Totals CTopicBroker::totals() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Totals totals;
+    totals.topics = m_topics.size();
+    for (auto const& [topic, subscribers] : m_topics) totals.subscriptions += subscribers.size();
+    return totals;
+}
+
 void CTopicBroker::subscribe(Request const& request, std::string_view topic) {
     char const* const reason = add_subscriber(request.head.conn, std::string(topic));
     if (reason != nullptr) refuse(request, reason);
@@ -108,6 +118,7 @@ void CTopicBroker::unsubscribe(IConnection* conn, std::string_view topic) {
 }
 
 void CTopicBroker::publish(Request const& request, std::string_view topic) {
+    m_counters.published();
     for (std::string const& name : deliver(request, topic)) {
         report(
             "%s reads too slowly: as much waits for it as may (--max-waiting-bytes), topic "
@@ -129,6 +140,7 @@ std::vector<std::string> CTopicBroker::deliver(Request const& request, std::stri
     for (IConnection* conn : found->second) {
         CSendLedger::Offer const result =
             m_ledger.offer(conn, head, aoe, request.data, request.size);
+        if (result != CSendLedger::QUEUED) m_counters.dropped(CCounters::DROP_TOPIC_MESSAGE);
         if (result == CSendLedger::DROPPED_FIRST) slow.push_back(m_connections.name(conn));
     }
     return slow;

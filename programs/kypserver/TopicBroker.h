@@ -22,6 +22,7 @@
 namespace kypserver {
 
 class CConnections;
+class CCounters;
 class CSendLedger;
 
 class CTopicBroker : public IService {
@@ -29,7 +30,8 @@ public:
     // Longer topics are refused.
     static constexpr size_t kLongestTopic = 1024;
 
-    CTopicBroker(CConnections const& connections, CSendLedger& ledger, size_t maxTopics);
+    CTopicBroker(CConnections const& connections, CSendLedger& ledger, CCounters& counters,
+                 size_t maxTopics);
 
     unsigned short port() const override;
 
@@ -47,6 +49,12 @@ public:
     // How many connections have subscribed to `topic`.
     size_t subscribers(std::string_view topic) const;
 
+    struct Totals {
+        size_t topics = 0;         // that somebody has subscribed to
+        size_t subscriptions = 0;  // of all connections
+    };
+    Totals totals() const;
+
 private:
     void subscribe(Request const& request, std::string_view topic);
     char const* add_subscriber(IConnection* conn, std::string topic);
@@ -58,6 +66,7 @@ private:
 
     CConnections const& m_connections;
     CSendLedger& m_ledger;
+    CCounters& m_counters;
     size_t const m_maxTopics;    // of one connection
     mutable std::mutex m_mutex;  // guards the two tables
     std::map<std::string, std::vector<IConnection*>, std::less<>> m_topics;  // none is empty

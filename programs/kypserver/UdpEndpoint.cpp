@@ -12,6 +12,7 @@
 #include "kypcore/EventLoop.h"
 #include "kypcore/SocketConnection.h"
 #include "kypcore/ThreadPool.h"
+#include "kypserver/Counters.h"
 #include "kypserver/HeldBytes.h"
 #include "kypserver/ServerLog.h"
 
@@ -41,8 +42,9 @@ bool is_request(unsigned char const* data, size_t size) {
 
 }  // namespace
 
-CUdpEndpoint::CUdpEndpoint(CHeldBytes& held, char const* ip, unsigned short port)
-    : UdpServer(ip, port), m_held(held), m_peers(kPeers), m_nextId(0) {}
+CUdpEndpoint::CUdpEndpoint(CHeldBytes& held, CCounters& counters, char const* ip,
+                           unsigned short port)
+    : UdpServer(ip, port), m_held(held), m_counters(counters), m_peers(kPeers), m_nextId(0) {}
 
 int CUdpEndpoint::sock_read_request_handler(CSocketConnection* conn) {
     make_answerable(conn);
@@ -56,6 +58,7 @@ int CUdpEndpoint::sock_read_request_handler(CSocketConnection* conn) {
         return -1;
     }
     if (!is_request(m_pRecvBuf->rawData(), static_cast<size_t>(received))) {
+        m_counters.dropped(CCounters::DROP_DATAGRAM);
         report("a datagram of %zd bytes from %s is dropped: it is no whole request", received,
                text_of(sender).c_str());
         return -1;
@@ -63,10 +66,12 @@ int CUdpEndpoint::sock_read_request_handler(CSocketConnection* conn) {
     _KypHeader head;
     memcpy(&head, m_pRecvBuf->rawData(), sizeof head);
     if (!m_held.take(conn, head)) {
+        m_counters.dropped(CCounters::DROP_DATAGRAM);
         report("a datagram from %s is dropped: as many wait as may (--max-held-bytes)",
                text_of(sender).c_str());
         return -1;
     }
+    m_counters.received(static_cast<size_t>(received));
     put_to_workers(conn, sender, static_cast<size_t>(received));
     return 0;
 }
@@ -92,6 +97,7 @@ int CUdpEndpoint::sendproc(CSocketConnection* conn, unsigned char* data, unsigne
     id = utils_ntohl(id);
     Peer const& peer = m_peers[id % kPeers];
     if (!peer.used || peer.id != id) {
+        m_counters.dropped(CCounters::DROP_REPLY);
         report("an answer to a datagram is dropped: its request is too long ago");
         return -1;
     }
@@ -103,6 +109,8 @@ int CUdpEndpoint::sendproc(CSocketConnection* conn, unsigned char* data, unsigne
     if (sent == -1) {
         report("an answer of %u bytes to %s cannot be sent: %s", size,
                text_of(peer.address).c_str(), strerror(errno));
+    } else {
+        m_counters.sent(data, size);
     }
     return static_cast<int>(sent);
 }

@@ -22,13 +22,14 @@
 
 namespace kypserver {
 
+class CCounters;
 class CHeldBytes;
 
 class CUdpEndpoint : public UdpServer {
 public:
     static constexpr size_t kPeers = 4096;
 
-    CUdpEndpoint(CHeldBytes& held, char const* ip, unsigned short port);
+    CUdpEndpoint(CHeldBytes& held, CCounters& counters, char const* ip, unsigned short port);
 
     // Takes whole requests only, while there is room for them; anything else is reported and
     // dropped.
@@ -49,6 +50,7 @@ private:
     void put_to_workers(CSocketConnection* conn, sockaddr_in const& sender, size_t size);
 
     CHeldBytes& m_held;
+    CCounters& m_counters;
     std::vector<Peer> m_peers;  // by id modulo kPeers
     uint32_t m_nextId;
 };

@@ -9,6 +9,7 @@
 
 #include "kypcomm/KypDeviceIdGenerator.h"
 #include "kypserver/Connections.h"
+#include "kypserver/Counters.h"
 #include "kypserver/EchoService.h"
 #include "kypserver/Endpoints.h"
 #include "kypserver/Errands.h"
@@ -21,6 +22,8 @@
 #include "kypserver/SendLedger.h"
 #include "kypserver/ServerCore.h"
 #include "kypserver/ServerLog.h"
+#include "kypserver/ServerState.h"
+#include "kypserver/StateService.h"
 #include "kypserver/Strands.h"
 #include "kypserver/Switchboard.h"
 #include "kypserver/TopicBroker.h"
@@ -92,16 +95,22 @@ int main(int argc, char** argv) {
     SetLogLevel(options.verbose > 0 ? log_threshold(options.verbose) : LOG_LEVEL_COMM);
 
     CConnections connections(options.maxClients);
+    CCounters counters;
     CSendLedger ledger(connections, options.maxWaitingBytes);
     CHeldBytes held(options.maxHeldBytes);
-    connections.on_begin([&](IConnection* conn) { held.begin(conn); });
+    connections.on_begin([&](IConnection* conn) {
+        held.begin(conn);
+        counters.accepted();
+    });
     CStrands strands;
     CErrands errands;
     CEchoService echo;
     CIdentityService identity(options.allowSetId, errands);
-    CTopicBroker topics(connections, ledger, options.maxTopics);
-    CSwitchboard switchboard(connections, ledger, held);
+    CTopicBroker topics(connections, ledger, counters, options.maxTopics);
+    CSwitchboard switchboard(connections, ledger, held, counters);
     CRegistrationService registration(connections, switchboard, ledger, errands);
+    CStateService state;
+    state.add(describe_server({options, connections, topics, switchboard, ledger, held, counters}));
     connections.on_end([&](IConnection* conn) {
         strands.end(conn);
         topics.end(conn);
@@ -110,14 +119,14 @@ int main(int argc, char** argv) {
     });
 
     CPortTable ports(utility::instance<RouteManage>(), held, strands);
-    for (IService* service :
-         {static_cast<IService*>(&echo), static_cast<IService*>(&identity),
-          static_cast<IService*>(&registration), static_cast<IService*>(&topics)}) {
+    for (IService* service : {static_cast<IService*>(&echo), static_cast<IService*>(&identity),
+                              static_cast<IService*>(&registration),
+                              static_cast<IService*>(&topics), static_cast<IService*>(&state)}) {
         ports.serve(*service);
     }
     ports.give_the_rest_to(switchboard);
 
-    CEndpoints endpoints(options, connections, ledger, held, strands);
+    CEndpoints endpoints(options, {connections, ledger, held, strands, counters});
     CServerCore core(options, errands);
     core.prepare();
     SetLogLevel(log_threshold(options.verbose));

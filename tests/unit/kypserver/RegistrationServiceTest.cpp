@@ -6,6 +6,7 @@
 #include "FakeSocketConn.h"
 #include "kypcore/TcpDomainServer.h"
 #include "kypserver/Connections.h"
+#include "kypserver/Counters.h"
 #include "kypserver/Errands.h"
 #include "kypserver/HeldBytes.h"
 #include "kypserver/SendLedger.h"
@@ -61,7 +62,8 @@ protected:
     CConnections m_connections{10};
     CSendLedger m_ledger{m_connections, 300};
     CHeldBytes m_held{100000};
-    CSwitchboard m_switchboard{m_connections, m_ledger, m_held};
+    CCounters m_counters;
+    CSwitchboard m_switchboard{m_connections, m_ledger, m_held, m_counters};
     CErrands m_errands;
     CRegistrationService m_service{m_connections, m_switchboard, m_ledger, m_errands};
     TcpDomainserver m_server{"/tmp/server"};

@@ -7,6 +7,7 @@
 
 #include "FakeSocketConn.h"
 #include "kypserver/Connections.h"
+#include "kypserver/Counters.h"
 #include "kypserver/HeldBytes.h"
 #include "kypserver/SendLedger.h"
 #include "support/FakeComponent.h"
@@ -59,7 +60,8 @@ protected:
     CConnections m_connections{10};
     CSendLedger m_ledger{m_connections, 300};
     CHeldBytes m_held{100000};
-    CSwitchboard m_switchboard{m_connections, m_ledger, m_held};
+    CCounters m_counters;
+    CSwitchboard m_switchboard{m_connections, m_ledger, m_held, m_counters};
     FakeSocketConn m_first;
     FakeSocketConn m_second;
     FakeSocketConn m_motor;
@@ -133,6 +135,33 @@ TEST_F(SwitchboardTest, ClientsAreToldApartByTheirNumbers) {
     EXPECT_THAT(m_first.m_sent, IsEmpty());
     receive(m_motor, component_answer(1, 600, 9, 7));
     EXPECT_EQ(1U, m_first.m_sent.size());
+}
+
+TEST_F(SwitchboardTest, TellsOfItsComponentsInTheOrderOfTheirNames) {
+    call(m_first, 600, 7);
+    call(m_second, 600, 8);
+    EXPECT_EQ(0U, m_switchboard.register_port(&m_motor, "motor", 601));
+
+    auto const state = m_switchboard.state();
+
+    ASSERT_EQ(2U, state.size());
+    EXPECT_EQ("drive", state[0].name);
+    EXPECT_THAT(state[0].ports, testing::ElementsAre(700));
+    EXPECT_EQ(0U, state[0].clients);
+    EXPECT_EQ("motor", state[1].name);
+    EXPECT_THAT(state[1].ports, testing::ElementsAre(600, 601));
+    EXPECT_EQ(2U, state[1].clients);
+    m_connections.end(&m_first);
+    EXPECT_EQ(1U, m_switchboard.state()[1].clients);
+}
+
+TEST_F(SwitchboardTest, CountsTheAnswersThatNobodyWaitsFor) {
+    call(m_first, 600, 7);
+    receive(m_motor, component_answer(9, 600, 9, 7));  // never called it
+    m_connections.end(&m_first);
+    receive(m_motor, component_answer(1, 600, 9, 7));  // has gone
+
+    EXPECT_EQ(2U, m_counters.snapshot().dropped[CCounters::DROP_REPLY]);
 }
 
 TEST_F(SwitchboardTest, OneComponentMayCallAnother) {

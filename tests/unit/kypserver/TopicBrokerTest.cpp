@@ -8,6 +8,7 @@
 
 #include "FakeConn.h"
 #include "kypserver/Connections.h"
+#include "kypserver/Counters.h"
 #include "kypserver/SendLedger.h"
 #include "support/FrameBytes.h"
 
@@ -48,11 +49,27 @@ protected:
 
     CConnections m_connections{10};
     CSendLedger m_ledger{m_connections, 300};
-    CTopicBroker m_broker{m_connections, m_ledger, 3};
+    CCounters m_counters;
+    CTopicBroker m_broker{m_connections, m_ledger, m_counters, 3};
     FakeConn m_first{11};
     FakeConn m_second{12};
     FakeConn m_third{13};
 };
+
+TEST_F(TopicBrokerTest, CountsTopicsSubscriptionsAndMessages) {
+    subscribe(m_first, "a");
+    subscribe(m_second, "a");
+    subscribe(m_second, "b");
+    publish(m_third, "a", "1");
+    publish(m_third, "nobody's", "2");
+
+    EXPECT_EQ(2U, m_broker.totals().topics);
+    EXPECT_EQ(3U, m_broker.totals().subscriptions);
+    EXPECT_EQ(2U, m_counters.snapshot().published);
+    m_connections.end(&m_second);
+    EXPECT_EQ(1U, m_broker.totals().topics);
+    EXPECT_EQ(1U, m_broker.totals().subscriptions);
+}
 
 TEST_F(TopicBrokerTest, DeliversTheBodyBehindTheSecondHead) {
     subscribe(m_first, "a");

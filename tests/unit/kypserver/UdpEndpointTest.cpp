@@ -9,6 +9,7 @@
 #include "kypcomm/pbuf/CMsgHeader.h"
 #include "kypcore/SocketConnection.h"
 #include "kypcore/ThreadPool.h"
+#include "kypserver/Counters.h"
 #include "kypserver/HeldBytes.h"
 #include "support/FrameBytes.h"
 #include "support/RawPeer.h"
@@ -56,7 +57,8 @@ protected:
     }
 
     CHeldBytes m_held{10000000};
-    CUdpEndpoint m_udp{m_held, "127.0.0.1", 0};
+    CCounters m_counters;
+    CUdpEndpoint m_udp{m_held, m_counters, "127.0.0.1", 0};
     CSocketConnection m_conn;
     uint16_t m_port = 0;
     RawUdp m_first;
