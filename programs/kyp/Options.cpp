@@ -1,12 +1,14 @@
 #include "kyp/Options.h"
 
 #include "kypcomm/KypWire.h"
+#include "kypcomm/Socket.h"
 
 namespace kyptool {
 
 namespace {
 
-static_assert(kLongestPayload == kMaxMsgLen - sizeof(_AoEHeader) - sizeof(AoERequestHeader));
+static_assert(kLongestPayload ==
+              kMaxSocketFrame - sizeof(_KypHeader) - sizeof(_AoEHeader) - sizeof(AoERequestHeader));
 
 Duration read_duration(std::string const& names, std::string const& text) {
     auto const duration = parse_duration(text);

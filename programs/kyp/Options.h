@@ -23,8 +23,8 @@ CLI::Option* add_number(CLI::App& app, std::string const& names, uint32_t& value
 CLI::Option* add_size(CLI::App& app, std::string const& names, uint32_t& value,
                       std::string const& what, uint32_t most);
 
-// The longest payload of a request whose answer may be as long.
-constexpr uint32_t kLongestPayload = 0x5fffff - 21;
+// The longest payload that fits, with its heads, into what the library sends as one frame.
+constexpr uint32_t kLongestPayload = 0x600000 - 29;
 
 // A logical port of a device.
 CLI::Option* add_port(CLI::App& app, std::string const& names, uint32_t& port,

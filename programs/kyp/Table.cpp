@@ -16,7 +16,7 @@ std::string const& cell(Row const& row, size_t column) {
 // A column of numbers stands on its right edge.
 bool is_number_column(std::vector<Row> const& rows, size_t column) {
     return std::all_of(rows.begin(), rows.end(), [&](Row const& row) {
-        return cell(row, column).find_first_not_of("-0123456789.") == std::string::npos;
+        return cell(row, column).find_first_not_of("0123456789") == std::string::npos;
     });
 }
 

@@ -116,7 +116,7 @@ TEST_F(CommandLineTest, SaysWhatIsWrongAndWhereHelpIs) {
         {{"id", "--set", "1.2"}, "'1.2' is no device id"},
         {{"id", "--set", "0.0.0.0.0.0"}, "'0.0.0.0.0.0' is no device id"},
         {{"ping", "-c", "0"}, "'0' is no number from 1 on"},
-        {{"ping", "-s", "6291435"}, "is no size of 0 to 6291434 bytes"},
+        {{"ping", "-s", "6291428"}, "is no size of 0 to 6291427 bytes"},
         {{"pub", ""}, "a topic has a name"},
         {{"sub"}, "TOPIC is required"},
         {{"send"}, "FILE is required"},

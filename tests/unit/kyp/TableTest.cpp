@@ -19,8 +19,8 @@ TEST(TableTest, LeavesOutAColumnWithoutWords) {
 }
 
 TEST(TableTest, NumbersStandOnTheRight) {
-    EXPECT_EQ("COUNT  NAME\n    1  a\n 12.5  7b\n",
-              table_text({"COUNT", "NAME"}, {{"1", "a"}, {"12.5", "7b"}}));
+    EXPECT_EQ("COUNT  NAME  VERSION\n    1  a     1.0\n  125  7b    2.0\n",
+              table_text({"COUNT", "NAME", "VERSION"}, {{"1", "a", "1.0"}, {"125", "7b", "2.0"}}));
 }
 
 TEST(TableTest, ShortRowsAreFilledUp) {
