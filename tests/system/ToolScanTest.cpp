@@ -1,0 +1,303 @@
+// The command-line tool looking for devices: `kyp scan`, with a second host that the tests play.
+#include <arpa/inet.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <functional>
+#include <thread>
+#include <utility>
+
+#include "ToolFixture.h"
+#include "support/SecondHost.h"
+
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+
+Bytes scan_reply(uint8_t command, std::string const& json, uint32_t status = 0) {
+    return join({{command}, u32_be(status), u32_be(0), text(json)});
+}
+
+std::string device_json(std::string const& id, std::string const& host = "plc-west") {
+    return R"({"device":{"kypDeviceId":")" + id + R"(","kypVersion":"0.3.1","rteVersion":"2.0",)" +
+           R"("hostName":")" + host + R"(","velaosVersion":"os 1","serialNo":"S-1","sn":"x"},)" +
+           R"("frames":[{"frameIp":"10.77.0.2","frameMacAddr":"02:00:00:00:00:09"}]})";
+}
+
+// A device on the second host: answers each request on both roads with the datagrams that `replies`
+// makes.
+class ScanDevice {
+public:
+    // Makes the datagrams for a reply with `command`.
+    using Replies = std::function<std::vector<Bytes>(uint8_t command)>;
+
+    ScanDevice(SecondHost const& host, Replies replies) : m_replies(std::move(replies)) {
+        host.run([this] {
+            m_sockets[0] = open_socket(38897);
+            ip_mreq membership{};
+            membership.imr_multiaddr.s_addr = inet_addr("239.255.0.3");
+            membership.imr_interface.s_addr = inet_addr(SecondHost::kThere);
+            EXPECT_EQ(0, setsockopt(m_sockets[0], IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership,
+                                    sizeof membership));
+            m_sockets[1] = open_socket(38896);
+        });
+        m_thread = std::thread([this] { serve(); });
+    }
+
+    ~ScanDevice() {
+        m_stop = true;
+        m_thread.join();
+        for (int const fd : m_sockets) close(fd);
+        if (m_second >= 0) close(m_second);
+    }
+
+    // Sends each reply from `address` of the second host as well. To be called before anybody asks.
+    void reply_also_from(SecondHost const& host, std::string const& address) {
+        host.run([&] { m_second = open_socket(0, address); });
+    }
+
+    ScanDevice(ScanDevice const&) = delete;
+    ScanDevice& operator=(ScanDevice const&) = delete;
+
+private:
+    static int open_socket(uint16_t port, std::string const& host = "0.0.0.0") {
+        int const fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = inet_addr(host.c_str());
+        EXPECT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address));
+        return fd;
+    }
+
+    void serve() {
+        while (!m_stop) {
+            pollfd ready[] = {{m_sockets[0], POLLIN, 0}, {m_sockets[1], POLLIN, 0}};
+            if (poll(ready, 2, 10) <= 0) continue;
+            for (int road = 0; road < 2; ++road) {
+                if (ready[road].revents != 0) answer(m_sockets[road], road == 0 ? 1 : 3);
+            }
+        }
+    }
+
+    void answer(int fd, uint8_t command) {
+        sockaddr_in from{};
+        socklen_t size = sizeof from;
+        char request[64];
+        if (recvfrom(fd, request, sizeof request, 0, reinterpret_cast<sockaddr*>(&from), &size) !=
+            9) {
+            return;
+        }
+        for (Bytes const& reply : m_replies(command)) {
+            auto const* const to = reinterpret_cast<sockaddr*>(&from);
+            sendto(fd, reply.data(), reply.size(), 0, to, size);
+            if (m_second >= 0) sendto(m_second, reply.data(), reply.size(), 0, to, size);
+        }
+    }
+
+    Replies m_replies;
+    int m_sockets[2] = {-1, -1};
+    std::atomic<int> m_second{-1};
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
+
+class ToolScanTest : public ToolTest {
+protected:
+    ToolScanTest() { EXPECT_TRUE(m_host.ready()); }
+
+    SecondHost m_host;
+};
+
+TEST_F(ToolScanTest, PrintsATableOfWhatItFinds) {
+    ScanDevice const device(m_host, [](uint8_t command) {
+        return std::vector<Bytes>{scan_reply(command, device_json("1.2.3.4.5.6"))};
+    });
+
+    Ended const ended = kyp({"scan", "-c", "1", "-d", "60"});
+
+    EXPECT_EQ(0, ended.code) << ended.err;
+    EXPECT_EQ(
+        "DEVICE ID    ADDRESS    HARDWARE ADDRESS   HOST      KYP    RUNTIME  SYSTEM  SERIAL\n"
+        "1.2.3.4.5.6  10.77.0.2  02:00:00:00:00:09  plc-west  0.3.1  2.0      os 1    S-1\n",
+        ended.out);
+    EXPECT_EQ("", ended.err);
+}
+
+TEST_F(ToolScanTest, GivesProgramsOneObjectADevice) {
+    ScanDevice const device(m_host, [](uint8_t command) {
+        return std::vector<Bytes>{scan_reply(command, device_json("1.2.3.4.5.6"))};
+    });
+
+    Json const found = json_of(kyp({"scan", "-c", "1", "-d", "60", "--json"}));
+
+    EXPECT_EQ("1.2.3.4.5.6", found["id"]);
+    EXPECT_EQ("10.77.0.2", found["address"]);
+    EXPECT_EQ("02:00:00:00:00:09", found["mac"]);
+    EXPECT_EQ("plc-west", found["host"]);
+}
+
+TEST_F(ToolScanTest, ADeviceIsReachedByTheIdThatTheScanFound) {
+    ScanDevice const device(m_host, [](uint8_t command) {
+        return std::vector<Bytes>{scan_reply(command, device_json("1.2.3.4.5.6"))};
+    });
+    m_host.run([this] { m_listener = RawListener::tcp(9999, SecondHost::kThere); });
+    ASSERT_EQ(0, kyp({"scan", "-c", "1", "-d", "60"}).code);
+
+    auto const child = start({"read", "600", "-t", "1.2.3.4.5.6"});
+    accept();
+    answer(next_request(), text("hello"));
+
+    Ended const ended = end_of(child);
+    EXPECT_EQ(0, ended.code) << ended.err;
+    EXPECT_EQ("hello\n", ended.out);
+}
+
+TEST_F(ToolScanTest, NobodyThereIsAFailureThatNamesWhereItAsked) {
+    Ended const ended = kyp({"scan", "-d", "1100ms"});
+
+    EXPECT_EQ(3, ended.code);
+    EXPECT_EQ("", ended.out);
+    EXPECT_EQ("kyp: no device has replied on kyp0 10.77.0.1; --explain tells more\n", ended.err);
+}
+
+TEST_F(ToolScanTest, ExplainsWhatWasSentAndWhatBecameOfEachReply) {
+    ScanDevice const device(m_host, [](uint8_t command) {
+        return std::vector<Bytes>{
+            scan_reply(command, device_json("1.2.3.4.5.6")),
+            scan_reply(command, "nonsense"),
+            scan_reply(command, "[]"),
+            scan_reply(command, R"({"frames":null})"),
+            scan_reply(command, R"({"device":{"kypDeviceId":5}})"),
+            scan_reply(command, "{}", KYP_ERR_DISK_FULL),
+            scan_reply(static_cast<uint8_t>(command - 1), ""),
+            scan_reply(9, ""),
+            text("12345678"),
+            scan_reply(command, std::string(2100, ' ')),
+        };
+    });
+
+    Ended const ended = kyp({"scan", "--explain", "-d", "900ms"});
+
+    EXPECT_EQ(0, ended.code) << ended.err;
+    EXPECT_THAT(ended.out, HasSubstr("1.2.3.4.5.6  10.77.0.2"));
+    EXPECT_THAT(ended.out, HasSubstr("\nkyp0, 10.77.0.1, "));
+    EXPECT_THAT(ended.out,
+                HasSubstr("\n  multicast to 239.255.0.3:38897: sent 1 time from port 38897\n"));
+    EXPECT_THAT(ended.out,
+                HasSubstr("\n  broadcast to 255.255.255.255:38896: sent 1 time from port "));
+    EXPECT_THAT(ended.out, HasSubstr("\nlo: not asked, loopback\n"));
+    for (char const* road : {"multicast from 10.77.0.2:38897", "broadcast from 10.77.0.2:38896"}) {
+        for (char const* line : {
+                 "came back 1 time, by ROAD: device 1.2.3.4.5.6\n",
+                 "dropped 1 time, by ROAD: its text is no JSON\n",
+                 "dropped 1 time, by ROAD: its text is no JSON object\n",
+                 "dropped 1 time, by ROAD: its \"frames\" is null\n",
+                 "dropped 1 time, by ROAD: a value in its JSON is of another kind than it should "
+                 "be\n",
+                 "dropped 1 time, by ROAD: a reply with status disk is full (0x2009)\n",
+                 "dropped 1 time, by ROAD: a request and no reply\n",
+                 "dropped 1 time, by ROAD: command 9 is no reply\n",
+                 "dropped 1 time, by ROAD: shorter than the 9 bytes of a head\n",
+                 "dropped 1 time, by ROAD: its text is no JSON (its first 2048 bytes were read)\n",
+             }) {
+            std::string text = line;
+            text.replace(text.find("ROAD"), 4, road);
+            EXPECT_THAT(ended.out, HasSubstr(text));
+        }
+    }
+}
+
+TEST_F(ToolScanTest, ExplainsToProgramsToo) {
+    ScanDevice const device(m_host, [](uint8_t command) {
+        return std::vector<Bytes>{scan_reply(command, "nonsense")};
+    });
+
+    Ended const ended = kyp({"scan", "--explain", "-d", "900ms", "--json"});
+
+    EXPECT_EQ(3, ended.code);
+    Json const interfaces = json_of(ended)["interfaces"];
+    ASSERT_EQ(2u, interfaces.size());
+    EXPECT_EQ("kyp0", interfaces[0]["name"]);
+    EXPECT_EQ(1, interfaces[0]["sent"][0]["count"]);
+    EXPECT_EQ(2u, interfaces[0]["came"].size());
+    EXPECT_EQ(false, interfaces[0]["came"][0]["taken"]);
+    EXPECT_EQ("loopback", interfaces[1]["reason"]);
+}
+
+TEST_F(ToolScanTest, CtrlCShowsWhatWasFoundSoFar) {
+    std::atomic<int> asked{0};
+    ScanDevice const device(m_host, [&asked](uint8_t command) {
+        ++asked;
+        return std::vector<Bytes>{scan_reply(command, device_json("1.2.3.4.5.6"))};
+    });
+    for (bool const explain : {false, true}) {
+        SCOPED_TRACE(explain);
+        asked = 0;
+        Words words = {"scan", "-d", "600"};
+        if (explain) words.push_back("--explain");
+        auto const child = start(words);
+        // Whoever asks a second time has read what the first time brought.
+        ASSERT_TRUE(eventually([&] { return asked >= 4; }, std::chrono::seconds(30)));
+
+        child->signal(SIGINT);
+
+        Ended const ended = end_of(child);
+        EXPECT_EQ(0, ended.code);
+        EXPECT_THAT(ended.out, HasSubstr("1.2.3.4.5.6  10.77.0.2"));
+    }
+}
+
+TEST_F(ToolScanTest, ForeignTextDoesNotMoveTheTerminal) {
+    ScanDevice const device(m_host, [](uint8_t command) {
+        return std::vector<Bytes>{scan_reply(command, device_json("1.2.3.4.5.6", "\x1b[2J"))};
+    });
+
+    Ended const ended = kyp({"scan", "-c", "1", "-d", "60"});
+
+    EXPECT_THAT(ended.out, AllOf(HasSubstr("\\x1b[2J"), Not(HasSubstr("\x1b"))));
+}
+
+TEST_F(ToolScanTest, AnIdThatADeviceClaimsBesideAnotherIsRememberedToo) {
+    ScanDevice const device(m_host, [](uint8_t command) {
+        return std::vector<Bytes>{scan_reply(command, device_json("1.2.3.4.5.6")),
+                                  scan_reply(command, device_json("1.2.3.4.5.7"))};
+    });
+    ASSERT_EQ(0, kyp({"scan", "-c", "2", "-d", "60"}).code);
+
+    Ended const ended = kyp({"call", "100", "-t", "1.2.3.4.5.7"});
+
+    EXPECT_EQ(3, ended.code);
+    EXPECT_EQ(
+        "kyp: 1.2.3.4.5.7 at 10.77.0.2 (where a scan has seen it) cannot be reached: connect "
+        "timeout (0x6)\n",
+        ended.err);
+}
+
+TEST_F(ToolScanTest, AnIdThatTwoDevicesClaimIsNobodys) {
+    m_host.run([] {
+        ASSERT_EQ(0, system("PATH=$PATH:/usr/sbin:/sbin; ip addr add 10.77.0.3/24 dev kyp0"));
+    });
+    ScanDevice device(m_host, [](uint8_t command) {
+        return std::vector<Bytes>{scan_reply(command, device_json("1.2.3.4.5.6"))};
+    });
+    device.reply_also_from(m_host, "10.77.0.3");
+
+    Ended const ended = kyp({"scan", "-c", "2", "-d", "60"});
+
+    EXPECT_EQ(0, ended.code);
+    EXPECT_THAT(ended.out, AllOf(HasSubstr("10.77.0.2"), HasSubstr("10.77.0.3")));
+    EXPECT_EQ(
+        "kyp: two devices say that they are 1.2.3.4.5.6; name the one that you mean by its "
+        "address\n",
+        ended.err);
+    EXPECT_EQ("kyp: 1.2.3.4.5.6 cannot be reached: connect timeout (0x6)\n",
+              kyp_as_it_is({"call", "100", "-t", "1.2.3.4.5.6", "--timeout", "0.1"}).err);
+}
+
+}  // namespace
