@@ -87,6 +87,13 @@ void add_limits(CLI::App& app, Options& options) {
         ->type_name("N[kb|mb]")
         ->capture_default_str()
         ->group("Limits");
+    app.add_option("--max-component-bytes", options.maxComponentBytes,
+                   "requests that may wait for one slow component; more are refused")
+        ->transform(CLI::AsSizeValue(false).description(""))
+        ->check(no_minus)
+        ->type_name("N[kb|mb]")
+        ->capture_default_str()
+        ->group("Limits");
     app.add_option("--max-held-bytes", options.maxHeldBytes,
                    "requests of one client that may be under way and answers that it may leave "
                    "unread; more ends its connection")

@@ -33,10 +33,11 @@ struct Options {
     int workers = 4;   // threads that serve requests
     int priority = 0;  // of the event loops: 1..99 SCHED_FIFO, 0 the usual scheduling
 
-    size_t maxClients = 1000;                          // open stream connections
-    size_t maxWaitingBytes = size_t{4} * 1024 * 1024;  // towards one subscriber
-    size_t maxHeldBytes = size_t{64} * 1024 * 1024;    // requests of one client and answers to it
-    size_t maxTopics = 4096;                           // subscribed by one connection
+    size_t maxClients = 1000;                             // open stream connections
+    size_t maxWaitingBytes = size_t{4} * 1024 * 1024;     // towards one subscriber
+    size_t maxComponentBytes = size_t{64} * 1024 * 1024;  // requests towards one component
+    size_t maxHeldBytes = size_t{64} * 1024 * 1024;  // requests of one client and answers to it
+    size_t maxTopics = 4096;                         // subscribed by one connection
 
     bool allowSetId = false;  // a peer may change this device's id
     int verbose = 0;          // 1: the library's log from DEBUG on, 2: all of it

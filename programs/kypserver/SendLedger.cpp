@@ -40,12 +40,18 @@ void send(IConnection* conn, std::unique_ptr<CMsgHeader> frame) {
 
 }  // namespace
 
+size_t CSendLedger::cost(CMsgHeader& frame, Kind kind) {
+    auto const size = static_cast<size_t>(frame.GetVaildSize());
+    return kind == REQUEST ? size + kPerRequest : size;
+}
+
 CSendLedger::Link::Link() = default;
 CSendLedger::Link::~Link() = default;
 
-CSendLedger::CSendLedger(CConnections const& connections, size_t maxWaitingBytes)
+CSendLedger::CSendLedger(CConnections const& connections, size_t maxTopicBytes,
+                         size_t maxRequestBytes)
     : m_connections(connections),
-      m_maxWaitingBytes(maxWaitingBytes),
+      m_most{maxTopicBytes, maxRequestBytes},
       m_dropped(0),
       m_frames(0),
       m_lastTicket(0) {}
@@ -54,26 +60,27 @@ CSendLedger::Offer CSendLedger::offer(IConnection* conn, _KypHeader const& head,
                                       _AoEHeader const& aoe, char const* data, size_t size) {
     std::lock_guard<std::mutex> lock(m_mutex);
     Link& link = m_links[conn];
-    if (!has_room(link, sizeof head + sizeof aoe + size)) return drop(link);
+    if (!has_room(link, TOPIC, sizeof head + sizeof aoe + size)) return drop(link, TOPIC);
 
     std::unique_ptr<CMsgHeader> frame = make_frame(head, aoe, data, size);
-    if (frame == nullptr) return drop(link);  // larger than any frame that a peer can have sent
-    queue(conn, link, std::move(frame));
+    // Larger than any frame that a peer can have sent.
+    if (frame == nullptr) return drop(link, TOPIC);
+    queue(conn, link, TOPIC, std::move(frame));
     return QUEUED;
 }
 
 CSendLedger::Offer CSendLedger::offer(CSocketConnection* conn, std::unique_ptr<CMsgHeader> frame) {
     std::lock_guard<std::mutex> lock(m_mutex);
     Link& link = m_links[conn];
-    if (!has_room(link, static_cast<size_t>(frame->GetVaildSize()))) return drop(link);
+    if (!has_room(link, REQUEST, cost(*frame, REQUEST))) return drop(link, REQUEST);
 
-    queue(conn, link, std::move(frame));
+    queue(conn, link, REQUEST, std::move(frame));
     return QUEUED;
 }
 
 void CSendLedger::push(CSocketConnection* conn, std::unique_ptr<CMsgHeader> frame) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    queue(conn, m_links[conn], std::move(frame));
+    queue(conn, m_links[conn], REQUEST, std::move(frame));
 }
 
 uint32_t CSendLedger::hold(IConnection* conn) {
@@ -103,13 +110,15 @@ bool CSendLedger::left(IConnection* conn, pbuf const* buf) {
     Link& link = found->second;
     if (link.frames.empty() || link.frames.front().buf != buf) return false;
 
-    link.waiting -= link.frames.front().size;
+    Kind const kind = link.frames.front().kind;
+    Lane& lane = link.lanes[kind];
+    lane.waiting -= link.frames.front().size;
     link.frames.pop_front();
     m_frames.fetch_sub(1, std::memory_order_relaxed);
-    if (link.dropped > 0 && link.waiting <= m_maxWaitingBytes / 2) {
+    if (lane.dropped > 0 && lane.waiting <= m_most[kind] / 2) {
         KYP_LOG(LOG_LEVEL_INFO, "client:%s reads again,%lu messages were dropped",
-                m_connections.name(conn).c_str(), static_cast<unsigned long>(link.dropped));
-        link.dropped = 0;
+                m_connections.name(conn).c_str(), static_cast<unsigned long>(lane.dropped));
+        lane.dropped = 0;
     }
     return true;
 }
@@ -126,13 +135,14 @@ void CSendLedger::closed(IConnection* conn) {
 size_t CSendLedger::waiting(IConnection* conn) const {
     std::lock_guard<std::mutex> lock(m_mutex);
     auto const found = m_links.find(conn);
-    return found != m_links.end() ? found->second.waiting : 0;
+    if (found == m_links.end()) return 0;
+    return found->second.lanes[TOPIC].waiting + found->second.lanes[REQUEST].waiting;
 }
 
 size_t CSendLedger::waiting() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     size_t sum = 0;
-    for (auto const& [conn, link] : m_links) sum += link.waiting;
+    for (auto const& [conn, link] : m_links) sum += link.lanes[TOPIC].waiting + link.lanes[REQUEST].waiting;
     return sum;
 }
 
@@ -141,25 +151,27 @@ uint64_t CSendLedger::dropped() const {
 }
 
 // The caller holds m_mutex.
-bool CSendLedger::has_room(Link const& link, size_t size) const {
-    size_t const behind = link.frames.empty() ? 0 : link.waiting - link.frames.front().size;
-    return behind == 0 || behind + size <= m_maxWaitingBytes;
+bool CSendLedger::has_room(Link const& link, Kind kind, size_t size) const {
+    bool const isSent = !link.frames.empty() && link.frames.front().kind == kind;
+    size_t const behind = link.lanes[kind].waiting - (isSent ? link.frames.front().size : 0);
+    return behind == 0 || behind + size <= m_most[kind];
 }
 
 // The caller holds m_mutex.
-void CSendLedger::queue(IConnection* conn, Link& link, std::unique_ptr<CMsgHeader> frame) {
+void CSendLedger::queue(IConnection* conn, Link& link, Kind kind,
+                        std::unique_ptr<CMsgHeader> frame) {
     // Noted before it is queued, since it may have left when it is.
-    link.frames.push_back({frame->getpBuf(), static_cast<size_t>(frame->GetVaildSize())});
-    link.waiting += link.frames.back().size;
+    link.frames.push_back({frame->getpBuf(), cost(*frame, kind), kind});
+    link.lanes[kind].waiting += link.frames.back().size;
     m_frames.fetch_add(1, std::memory_order_relaxed);
     if (link.hold == 0) return send(conn, std::move(frame));
     link.kept.push_back(std::move(frame));
 }
 
 // The caller holds m_mutex.
-CSendLedger::Offer CSendLedger::drop(Link& link) {
+CSendLedger::Offer CSendLedger::drop(Link& link, Kind kind) {
     m_dropped.fetch_add(1, std::memory_order_relaxed);
-    return ++link.dropped == 1 ? DROPPED_FIRST : DROPPED;
+    return ++link.lanes[kind].dropped == 1 ? DROPPED_FIRST : DROPPED;
 }
 
 }  // namespace kypserver

@@ -144,7 +144,7 @@ unsigned int CSwitchboard::pass_on(CMsgHeader& msg, _KypHeader const& head, _AoE
             return KYP_OK;
         case CSendLedger::DROPPED_FIRST:
             fault.text = "component " + m_registry.find(component)->name +
-                         " reads too slowly: as much waits for it as may (--max-waiting-bytes), "
+                         " reads too slowly: as much waits for it as may (--max-component-bytes), "
                          "requests to it are refused";
             m_counters.dropped(CCounters::DROP_FORWARD);
             return KYP_ERR_SEND;

@@ -96,7 +96,7 @@ int main(int argc, char** argv) {
 
     CConnections connections(options.maxClients);
     CCounters counters;
-    CSendLedger ledger(connections, options.maxWaitingBytes);
+    CSendLedger ledger(connections, options.maxWaitingBytes, options.maxComponentBytes);
     CHeldBytes held(options.maxHeldBytes);
     connections.on_begin([&](IConnection* conn) {
         held.begin(conn);

@@ -217,7 +217,7 @@ TEST_P(ComponentTest, WhoeverWaitsForAComponentHearsAtOnceThatItHasGone) {
 
 TEST_P(ComponentTest, RequestsOfOneClientAndAnswersToItKeepTheirOrder) {
     constexpr uint32_t kRequests = 5000;
-    ServerProcess server({"--workers=16", "--max-waiting-bytes=64mb"});
+    ServerProcess server({"--workers=16"});
     FakeComponent motor("motor");
     ASSERT_TRUE(motor.serve(kPort));
     RawPeer client = connect_raw();
@@ -282,7 +282,7 @@ TEST_P(ComponentTest, RefusesWhatAComponentCouldNotTake) {
 }
 
 TEST_P(ComponentTest, AComponentThatDoesNotReadHoldsNobodyUp) {
-    ServerProcess server({"--max-waiting-bytes=1mb"});
+    ServerProcess server({"--max-component-bytes=1mb"});
     FakeComponent deaf("deaf");
     ASSERT_TRUE(deaf.serve(kPort));
     EchoComponent quick("quick", 700);

@@ -61,6 +61,8 @@ TEST_F(OptionsTest, TakesEveryOption) {
                         "7",
                         "--max-waiting-bytes",
                         "64kb",
+                        "--max-component-bytes",
+                        "3mb",
                         "--max-held-bytes",
                         "2mb",
                         "--max-topics",
@@ -79,6 +81,7 @@ TEST_F(OptionsTest, TakesEveryOption) {
     EXPECT_EQ(99, m_options.priority);
     EXPECT_EQ(7U, m_options.maxClients);
     EXPECT_EQ(65536U, m_options.maxWaitingBytes);
+    EXPECT_EQ(3145728U, m_options.maxComponentBytes);
     EXPECT_EQ(2097152U, m_options.maxHeldBytes);
     EXPECT_EQ(3U, m_options.maxTopics);
     EXPECT_TRUE(m_options.allowSetId);
@@ -111,6 +114,7 @@ TEST_F(OptionsTest, NamesTheOptionThatIsWrong) {
                                                         {"--priority", "100"},
                                                         {"--max-clients", "0"},
                                                         {"--max-waiting-bytes", "-1"},
+                                                        {"--max-component-bytes", "-1"},
                                                         {"--max-held-bytes", "-1"},
                                                         {"--max-held-bytes", "12x"},
                                                         {"--domain-path", longPath.c_str()},

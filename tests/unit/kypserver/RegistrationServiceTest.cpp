@@ -60,7 +60,7 @@ protected:
     }
 
     CConnections m_connections{10};
-    CSendLedger m_ledger{m_connections, 300};
+    CSendLedger m_ledger{m_connections, 300, 300};
     CHeldBytes m_held{100000};
     CCounters m_counters;
     CSwitchboard m_switchboard{m_connections, m_ledger, m_held, m_counters};

@@ -35,7 +35,7 @@ protected:
     void leave(size_t index) { m_ledger.left(&m_conn, m_conn.m_bufs[index]); }
 
     CConnections m_connections{10};
-    CSendLedger m_ledger{m_connections, 300};
+    CSendLedger m_ledger{m_connections, 300, 300};
     FakeConn m_conn;
 };
 
@@ -134,6 +134,8 @@ TEST_F(SendLedgerTest, OneSlowPeerDoesNotTouchAnother) {
 // Frames that go into the queue of a socket as they are.
 class SendLedgerFrameTest : public testing::Test {
 protected:
+    static constexpr size_t kOne = 100 + CSendLedger::kPerRequest;  // what frame() counts for
+
     // A frame of `size` bytes that does not stand at the end of its block.
     static std::unique_ptr<CMsgHeader> frame(size_t size = 100, uint8_t fill = 'x') {
         auto made = std::make_unique<CMsgHeader>(MSG_MODE_RECV, MSG_TYPE_STREAM);
@@ -145,7 +147,7 @@ protected:
     }
 
     CConnections m_connections{10};
-    CSendLedger m_ledger{m_connections, 300};
+    CSendLedger m_ledger{m_connections, 300, 3 * kOne};
     FakeSocketConn m_conn;
 };
 
@@ -158,7 +160,7 @@ TEST_F(SendLedgerFrameTest, IsQueuedWhereItStands) {
     ASSERT_EQ(1U, m_conn.m_queued.size());
     EXPECT_EQ(at, m_conn.m_queued[0]->GetVaildData());
     EXPECT_EQ(&m_conn, m_conn.m_queued[0]->m_pConn);
-    EXPECT_EQ(100U, m_ledger.waiting(&m_conn));
+    EXPECT_EQ(kOne, m_ledger.waiting(&m_conn));
     EXPECT_TRUE(m_ledger.left(&m_conn, m_conn.m_queued[0]->getpBuf()));
     EXPECT_EQ(0U, m_ledger.waiting(&m_conn));
 }
@@ -170,7 +172,25 @@ TEST_F(SendLedgerFrameTest, IsDroppedBeyondTheBoundUnlessItMustNotBe) {
     m_ledger.push(&m_conn, frame());
 
     EXPECT_EQ(5U, m_conn.m_sent.size());
-    EXPECT_EQ(500U, m_ledger.waiting(&m_conn));
+    EXPECT_EQ(5 * kOne, m_ledger.waiting(&m_conn));
+}
+
+TEST_F(SendLedgerFrameTest, RequestsAndTopicMessagesHaveABoundEach) {
+    std::string const data(79, 'x');
+    auto const offer_topic = [&] {
+        return m_ledger.offer(&m_conn, {0, 1, 103, 92}, {}, data.data(), data.size());
+    };
+    for (int i = 0; i < 4; ++i) EXPECT_EQ(CSendLedger::QUEUED, m_ledger.offer(&m_conn, frame()));
+    EXPECT_EQ(CSendLedger::DROPPED_FIRST, m_ledger.offer(&m_conn, frame()));
+
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(CSendLedger::QUEUED, offer_topic());
+    EXPECT_EQ(CSendLedger::DROPPED_FIRST, offer_topic());
+
+    EXPECT_EQ(4 * kOne + 300, m_ledger.waiting(&m_conn));
+    EXPECT_EQ(2U, m_ledger.dropped());
+    m_ledger.left(&m_conn, m_conn.m_queued[0]->getpBuf());
+    EXPECT_EQ(CSendLedger::QUEUED, m_ledger.offer(&m_conn, frame()));
+    EXPECT_EQ(CSendLedger::DROPPED, offer_topic());
 }
 
 TEST_F(SendLedgerFrameTest, WaitsHereWhileItsConnectionIsHeld) {
@@ -179,7 +199,7 @@ TEST_F(SendLedgerFrameTest, WaitsHereWhileItsConnectionIsHeld) {
     m_ledger.offer(&m_conn, {0, 1, 103, 13}, {}, nullptr, 0);
     m_ledger.push(&m_conn, frame(100, 'b'));
     EXPECT_EQ(0U, m_conn.m_sent.size());
-    EXPECT_EQ(221U, m_ledger.waiting(&m_conn));
+    EXPECT_EQ(2 * kOne + 21, m_ledger.waiting(&m_conn));
 
     m_ledger.release(&m_conn, ticket);
 

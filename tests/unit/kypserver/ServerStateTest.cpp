@@ -27,7 +27,7 @@ protected:
 
     Options m_options;
     CConnections m_connections{10};
-    CSendLedger m_ledger{m_connections, 300};
+    CSendLedger m_ledger{m_connections, 300, 300};
     CHeldBytes m_held{100000};
     CCounters m_counters;
     CTopicBroker m_topics{m_connections, m_ledger, m_counters, 3};
@@ -38,7 +38,8 @@ protected:
 
 TEST_F(ServerStateTest, HasASectionForEachSubject) {
     std::string names;
-    for (auto const& [name, value] : state().items()) names += name + " ";
+    nlohmann::ordered_json const object = state();
+    for (auto const& [name, value] : object.items()) names += name + " ";
 
     EXPECT_EQ(
         "server clients components topics requests replies otherFrames dropped queues workers ",

@@ -58,7 +58,7 @@ protected:
     }
 
     CConnections m_connections{10};
-    CSendLedger m_ledger{m_connections, 300};
+    CSendLedger m_ledger{m_connections, 300, 7 * (42 + CSendLedger::kPerRequest)};
     CHeldBytes m_held{100000};
     CCounters m_counters;
     CSwitchboard m_switchboard{m_connections, m_ledger, m_held, m_counters};
@@ -303,7 +303,7 @@ TEST_F(SwitchboardTest, AComponentThatDoesNotReadIsRefusedAtOnceAndReportedOnce)
         refused += m_first.last() == response_frame(600, 9, i, {}, 0x1011) ? 1 : 0;
     }
 
-    EXPECT_EQ(8U, m_motor.m_sent.size());  // one that is being sent, and 42 bytes each behind it
+    EXPECT_EQ(8U, m_motor.m_sent.size());  // one that is being sent, and seven behind it
     EXPECT_EQ(12U, refused);
     EXPECT_THAT(said, HasSubstr("component motor reads too slowly"));
     EXPECT_EQ(said.find("reads too slowly"), said.rfind("reads too slowly"));

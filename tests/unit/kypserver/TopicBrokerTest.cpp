@@ -48,7 +48,7 @@ protected:
     }
 
     CConnections m_connections{10};
-    CSendLedger m_ledger{m_connections, 300};
+    CSendLedger m_ledger{m_connections, 300, 300};
     CCounters m_counters;
     CTopicBroker m_broker{m_connections, m_ledger, m_counters, 3};
     FakeConn m_first{11};
