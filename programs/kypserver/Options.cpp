@@ -128,6 +128,31 @@ void add_threads(CLI::App& app, Options& options) {
         ->group("Threads");
 }
 
+void add_files(CLI::App& app, FileOptions& files) {
+    app.add_flag("--receive-files", files.receive, "take files from peers")->group("Files");
+    app.add_option("--file-port", files.port, "logical port on which files are taken")
+        ->check(CLI::Range(int{kLowestPort}, int{kHighestPort}).description(""))
+        ->type_name("1..4096")
+        ->capture_default_str()
+        ->group("Files");
+    app.add_option("--spool-dir", files.spoolDir, "where files go, under their own names")
+        ->type_name("DIR")
+        ->capture_default_str()
+        ->group("Files");
+    app.add_option("--max-file-size", files.maxFileSize,
+                   "bytes of one file; larger ones are refused")
+        ->transform(CLI::AsSizeValue(false).description(""))
+        ->check(no_minus)
+        ->type_name("N[kb|mb|gb]")
+        ->capture_default_str()
+        ->group("Files");
+    app.add_option("--max-transfers", files.maxTransfers, "files at a time; more are refused")
+        ->check(CLI::Range(size_t{1}, size_t{10000}).description(""))
+        ->type_name("N")
+        ->capture_default_str()
+        ->group("Files");
+}
+
 }  // namespace
 
 bool parse_address(std::string const& text, Address& address) {
@@ -156,6 +181,7 @@ std::optional<int> parse_options(int argc, char const* const* argv, Options& opt
     add_endpoints(app, options);
     add_threads(app, options);
     add_limits(app, options);
+    add_files(app, options.files);
     app.add_flag("--allow-set-id", options.allowSetId, "let a peer change the id of this device");
     app.add_flag("-v,--verbose", options.verbose, "show what the library logs; twice: all of it");
     app.footer(

@@ -4,6 +4,7 @@
 #ifndef KYP_PROGRAMS_KYPSERVER_OPTIONS_H
 #define KYP_PROGRAMS_KYPSERVER_OPTIONS_H
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -17,6 +18,19 @@ namespace kypserver {
 struct Address {
     std::string host;
     uint16_t port;  // 0 lets the kernel choose
+};
+
+// Where files go when nobody says otherwise.
+constexpr char const* kUsualSpool = "/var/tmp/kyp/spool";
+
+// The taking of files.
+struct FileOptions {
+    bool receive = false;  // nothing else counts without it
+    uint16_t port = 105;   // logical
+    std::string spoolDir = kUsualSpool;
+    size_t maxFileSize = size_t{1024} * 1024 * 1024;
+    size_t maxTransfers = 8;                // files at a time
+    std::chrono::seconds longestPause{30};  // of a sender within a file
 };
 
 struct Options {
@@ -38,6 +52,8 @@ struct Options {
     size_t maxComponentBytes = size_t{64} * 1024 * 1024;  // requests towards one component
     size_t maxHeldBytes = size_t{64} * 1024 * 1024;  // requests of one client and answers to it
     size_t maxTopics = 4096;                         // subscribed by one connection
+
+    FileOptions files;
 
     bool allowSetId = false;  // a peer may change this device's id
     int verbose = 0;          // 1: the library's log from DEBUG on, 2: all of it

@@ -13,6 +13,7 @@
 #include "kypserver/EchoService.h"
 #include "kypserver/Endpoints.h"
 #include "kypserver/Errands.h"
+#include "kypserver/FileService.h"
 #include "kypserver/HeldBytes.h"
 #include "kypserver/IdentityService.h"
 #include "kypserver/Options.h"
@@ -111,8 +112,10 @@ int main(int argc, char** argv) {
     CRegistrationService registration(connections, switchboard, ledger, errands);
     CStateService state;
     state.add(describe_server({options, connections, topics, switchboard, ledger, held, counters}));
+    CFileService files(options.files, connections);
     connections.on_end([&](IConnection* conn) {
         strands.end(conn);
+        files.end(conn);
         topics.end(conn);
         switchboard.end(conn);
         ledger.closed(conn);  // last: nothing more is offered now
@@ -124,6 +127,10 @@ int main(int argc, char** argv) {
                               static_cast<IService*>(&topics), static_cast<IService*>(&state)}) {
         ports.serve(*service);
     }
+    if (options.files.receive && !ports.serve(files)) {
+        return fail("port " + std::to_string(options.files.port) +
+                    " has another service; choose another --file-port");
+    }
     ports.give_the_rest_to(switchboard);
 
     CEndpoints endpoints(options, {connections, ledger, held, strands, counters});
@@ -132,6 +139,7 @@ int main(int argc, char** argv) {
     SetLogLevel(log_threshold(options.verbose));
 
     std::string problem = endpoints.open();
+    if (problem.empty()) problem = files.open();
     if (problem.empty()) problem = core.start();
     if (problem.empty()) problem = endpoints.serve();
     if (!problem.empty()) return fail(problem);
@@ -139,11 +147,12 @@ int main(int argc, char** argv) {
     CScanResponder scans;
     if (options.scan) (void)scans.start();
 
-    printf("kypserver ready: %s\n", endpoints.describe().c_str());
+    printf("kypserver ready: %s%s\n", endpoints.describe().c_str(), files.describe().c_str());
     fflush(stdout);
     int sig = 0;
     sigwait(&ends, &sig);
     scans.stop();
+    files.stop();  // its answers need the loops
     core.stop();
     return 0;
 }

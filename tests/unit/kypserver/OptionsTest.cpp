@@ -42,6 +42,11 @@ TEST_F(OptionsTest, WithoutArgumentsServesTheUsualEndpoints) {
     EXPECT_EQ(4194304U, m_options.maxWaitingBytes);
     EXPECT_FALSE(m_options.allowSetId);
     EXPECT_EQ(0, m_options.verbose);
+    EXPECT_FALSE(m_options.files.receive);
+    EXPECT_EQ(105, m_options.files.port);
+    EXPECT_EQ("/var/tmp/kyp/spool", m_options.files.spoolDir);
+    EXPECT_EQ(1U << 30, m_options.files.maxFileSize);
+    EXPECT_EQ(8U, m_options.files.maxTransfers);
 }
 
 TEST_F(OptionsTest, TakesEveryOption) {
@@ -67,6 +72,15 @@ TEST_F(OptionsTest, TakesEveryOption) {
                         "2mb",
                         "--max-topics",
                         "3",
+                        "--receive-files",
+                        "--file-port",
+                        "600",
+                        "--spool-dir",
+                        "/tmp/spool",
+                        "--max-file-size",
+                        "2gb",
+                        "--max-transfers",
+                        "5",
                         "--allow-set-id",
                         "-vv"})
                      .has_value());
@@ -80,6 +94,11 @@ TEST_F(OptionsTest, TakesEveryOption) {
     EXPECT_EQ(1, m_options.workers);
     EXPECT_EQ(99, m_options.priority);
     EXPECT_EQ(7U, m_options.maxClients);
+    EXPECT_TRUE(m_options.files.receive);
+    EXPECT_EQ(600, m_options.files.port);
+    EXPECT_EQ("/tmp/spool", m_options.files.spoolDir);
+    EXPECT_EQ(size_t{2} << 30, m_options.files.maxFileSize);
+    EXPECT_EQ(5U, m_options.files.maxTransfers);
     EXPECT_EQ(65536U, m_options.maxWaitingBytes);
     EXPECT_EQ(3145728U, m_options.maxComponentBytes);
     EXPECT_EQ(2097152U, m_options.maxHeldBytes);
@@ -118,6 +137,10 @@ TEST_F(OptionsTest, NamesTheOptionThatIsWrong) {
                                                         {"--max-held-bytes", "-1"},
                                                         {"--max-held-bytes", "12x"},
                                                         {"--domain-path", longPath.c_str()},
+                                                        {"--file-port", "0"},
+                                                        {"--file-port", "4097"},
+                                                        {"--max-file-size", "-1"},
+                                                        {"--max-transfers", "0"},
                                                         {"--unknown"}};
     for (auto const& row : rows) {
         SCOPED_TRACE(row[0]);
