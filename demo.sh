@@ -15,7 +15,7 @@ build=build/release
 mkdir -p build
 echo "Building an optimised libkyp.so (first time: a minute or two) ..."
 if ! { cmake --preset release && cmake --build --preset release \
-        --target kyp_demo kypserver kyp_sandbox; } >build/demo.log 2>&1; then
+        --target kyp_demo kypserver kyp_tool example_component kyp_sandbox; } >build/demo.log 2>&1; then
     tail -n 20 build/demo.log
     echo "The build failed; the whole of it is in build/demo.log." >&2
     exit 1

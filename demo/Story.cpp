@@ -37,6 +37,17 @@ void say(char const* fmt, ...) {
     va_end(args);
 }
 
+std::string indented(std::string const& text) {
+    std::string out;
+    bool atStart = true;
+    for (char const c : text) {
+        if (atStart && c != '\n') out += "   ";
+        atStart = c == '\n';
+        out += c;
+    }
+    return out;
+}
+
 void fail(std::string const& what) {
     say("\nThe demonstration failed: %s.\n", what.c_str());
     fflush(g_screen);
@@ -103,6 +114,7 @@ void Program::run(int const output[2]) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (m_prepare) m_prepare();
     dup2(output[1], STDOUT_FILENO);
+    dup2(output[1], STDERR_FILENO);
     close(output[0]);
     close(output[1]);
     std::vector<char*> argv;
@@ -134,14 +146,19 @@ void Mailbox::put(std::string message) {
 }
 
 void Mailbox::expect(std::string const& message) {
+    if (!got(message, std::chrono::seconds(20))) {
+        fail("nothing heard of \"" + message + "\" for 20 seconds");
+    }
+}
+
+bool Mailbox::got(std::string const& message, std::chrono::milliseconds within) {
     std::unique_lock<std::mutex> lock(m_mutex);
-    bool const seen = m_arrived.wait_for(lock, std::chrono::seconds(20), [&] {
+    return m_arrived.wait_for(lock, within, [&] {
         auto const place = std::find(m_messages.begin(), m_messages.end(), message);
         if (place == m_messages.end()) return false;
         m_messages.erase(m_messages.begin(), place + 1);
         return true;
     });
-    if (!seen) fail("nothing heard of \"" + message + "\" for 20 seconds");
 }
 
 void name_this_device(char const* id) {

@@ -7,6 +7,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
@@ -21,13 +22,17 @@ bool open_story(bool showLog);
 // Writes to the screen.
 void say(char const* fmt, ...) __attribute__((format(printf, 1, 2)));
 
+// `text` with every line three columns further in.
+std::string indented(std::string const& text);
+
 // End the demonstration with what went wrong; the second adds this thread's status.
 [[noreturn]] void fail(std::string const& what);
 [[noreturn]] void fail_with_status(char const* what);
 
 constexpr int kDemoTimeoutMs = 5000;
 
-// A program in a process of its own.
+// A program in a process of its own. Its output is what it writes to standard output and to
+// standard error.
 class Program {
 public:
     // Starts it; `prepare` runs in its process first.
@@ -71,6 +76,9 @@ public:
 
     // Waits for exactly `message`; those before it are dropped.
     void expect(std::string const& message);
+
+    // The same with a bound of its own; false when it did not come.
+    bool got(std::string const& message, std::chrono::milliseconds within);
 
 private:
     std::mutex m_mutex;

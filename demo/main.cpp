@@ -20,5 +20,9 @@ int main(int argc, char** argv) {
     Cast const cast = {folder + "/kypserver", folder + "/example_component", folder + "/kyp"};
     say("First act: clients and a server\n\n");
     show_main_road(cast);
+    say("\n\nSecond act: a component\n\n");
+    show_components(cast);
+    say("\n\nThird act: two hosts\n\n");
+    show_two_hosts(cast);
     return 0;
 }

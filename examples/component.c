@@ -9,36 +9,37 @@
 
 #include "libkyp/libkypCmp.h"
 
-/* Callbacks run on the component's receive thread and must not wait there. */
-static void came(VirtualConn* client, void* ctx) {
-    (void)client, (void)ctx, puts("a client came");
-}
-static void left(VirtualConn* client, void* ctx) {
-    (void)client, (void)ctx, puts("a client left");
-}
-
-static void now(unsigned short port, char const* data, unsigned n, _msg_request req, void* ctx) {
+static void now(unsigned short port, char const* data, unsigned len, _msg_request req, void* user) {
     int err;
-    if (libkypcmp_send(port, data, n, req, ctx, &err) < 0) puts(libkypcmp_strerror(err));
+    (void)user;
+    if (libkypcmp_send(port, data, len, req, NULL, &err) < 0) puts(libkypcmp_strerror(err));
 }
 
 static int wait_and_answer(void* req) {
     thrd_sleep(&(struct timespec){.tv_nsec = 200000000}, NULL);
     now(601, "later", 5, *(_msg_request*)req, NULL);
     free(req);
-    return thrd_detach(thrd_current());
+    return 0;
 }
 
-static void later(unsigned short port, char const* data, unsigned n, _msg_request req, void* ctx) {
+/* Callbacks run on the component's receive thread and must not wait there. */
+static void later(unsigned short port, char const* data, unsigned len, _msg_request req,
+                  void* user) {
+    (void)port, (void)data, (void)len, (void)user;
+    _msg_request* copy = malloc(sizeof *copy); /* all that an answer needs */
+    if (copy == NULL) return;
+    *copy = req;
     thrd_t thread;
-    _msg_request* copy = malloc(sizeof req); /* all that an answer needs */
-    (void)port, (void)data, (void)n, (void)ctx;
-    if (copy != NULL) *copy = req, thrd_create(&thread, wait_and_answer, copy);
+    if (thrd_create(&thread, wait_and_answer, copy) == thrd_success)
+        thrd_detach(thread);
+    else
+        free(copy);
 }
 
 static void on_set(unsigned group, unsigned offset, char const* topic, char const* data,
                    unsigned len, void* component) {
-    (void)topic, libkypcmp_publish(component, group, offset, "example/value", data, len);
+    (void)topic;
+    libkypcmp_publish(component, group, offset, "example/value", data, len);
 }
 
 int main(void) {
@@ -48,8 +49,6 @@ int main(void) {
     libkypcmp_init();
     void* component = libkypcmp_register(&info, NULL, NULL, &err);
     if (component == NULL) return printf("refused: %s\n", libkypcmp_strerror(err)), 1;
-    CmpConnConfig* config = libkypcmp_getconfig(component);
-    config->onConnect = came, config->onDisconnect = left;
     libkypcmp_addrouter(component, 600, now, NULL);
     libkypcmp_addrouter(component, 601, later, NULL);
     libkypcmp_subscribe(component, "example/set", on_set, component);

@@ -55,6 +55,10 @@ bool SecondHost::ready() const {
 
 void SecondHost::run(std::function<void()> const& work) const {
     std::thread([this, &work] {
-        if (setns(m_network, CLONE_NEWNET) == 0) work();
+        if (enter()) work();
     }).join();
+}
+
+bool SecondHost::enter() const {
+    return setns(m_network, CLONE_NEWNET) == 0;
 }

@@ -26,6 +26,10 @@ public:
     // there too.
     void run(std::function<void()> const& work) const;
 
+    // Moves the calling thread to the second host for good; false when it stays. For a child between
+    // fork and exec.
+    bool enter() const;
+
 private:
     int m_network;  // descriptor of the namespace
     bool m_ready;
