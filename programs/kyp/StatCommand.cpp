@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstdio>
 #include <thread>
 #include <vector>
 
@@ -19,7 +20,15 @@ constexpr int kDeepest = 8;  // what a peer nests deeper is shown as it came
 // From the upper left corner, with what stood there before wiped out.
 constexpr char const* kHome = "\x1b[H\x1b[2J\x1b[3J";
 
+std::string decimals(double value) {
+    char text[64];
+    snprintf(text, sizeof text, "%.3f", value);
+    return text;
+}
+
 std::string plain(Json const& value) {
+    if (value.is_number_float()) return decimals(value.get<double>());
+    if (value.is_array() && value.empty()) return "none";
     if (value.is_string()) return printable(value.get<std::string>());
     return printable(value.dump(-1, ' ', false, Json::error_handler_t::replace));
 }

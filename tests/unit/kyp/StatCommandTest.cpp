@@ -33,7 +33,11 @@ TEST(StateTextTest, ShowsObjectsAndListsOfObjectsBelow) {
 
 TEST(StateTextTest, AnEmptyObjectIsNothing) {
     EXPECT_EQ("", state_text("{}"));
-    EXPECT_EQ("none  []\n", state_text(R"({"none":[],"empty":{}})"));
+    EXPECT_EQ("list  none\n", state_text(R"({"list":[],"empty":{}})"));
+}
+
+TEST(StateTextTest, ThreePlacesBehindThePointAreEnough) {
+    EXPECT_EQ("a  3.655\n", state_text(R"({"a":3.65494015})"));
 }
 
 TEST(StateTextTest, KeepsTheTerminalFromForeignText) {
