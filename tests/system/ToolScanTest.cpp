@@ -1,9 +1,4 @@
 // The command-line tool looking for devices: `kyp scan`, with a second host that the tests play.
-#include <arpa/inet.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <cstdlib>
 #include <functional>
@@ -11,6 +6,7 @@
 #include <utility>
 
 #include "ToolFixture.h"
+#include "support/RawScanDevice.h"
 #include "support/SecondHost.h"
 
 namespace {
@@ -18,10 +14,6 @@ namespace {
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
-
-Bytes scan_reply(uint8_t command, std::string const& json, uint32_t status = 0) {
-    return join({{command}, u32_be(status), u32_be(0), text(json)});
-}
 
 std::string device_json(std::string const& id, std::string const& host = "plc-west") {
     return R"({"device":{"kypDeviceId":")" + id + R"(","kypVersion":"0.3.1","rteVersion":"2.0",)" +
@@ -36,73 +28,35 @@ public:
     // Makes the datagrams for a reply with `command`.
     using Replies = std::function<std::vector<Bytes>(uint8_t command)>;
 
-    ScanDevice(SecondHost const& host, Replies replies) : m_replies(std::move(replies)) {
-        host.run([this] {
-            m_sockets[0] = open_socket(38897);
-            ip_mreq membership{};
-            membership.imr_multiaddr.s_addr = inet_addr("239.255.0.3");
-            membership.imr_interface.s_addr = inet_addr(SecondHost::kThere);
-            EXPECT_EQ(0, setsockopt(m_sockets[0], IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership,
-                                    sizeof membership));
-            m_sockets[1] = open_socket(38896);
+    ScanDevice(SecondHost const& host, Replies replies, std::unique_ptr<RawUdp> second = nullptr)
+        : m_device(host), m_replies(std::move(replies)), m_second(std::move(second)) {
+        EXPECT_TRUE(m_device.ready());
+        m_thread = std::thread([this] {
+            while (!m_stop) serve();
         });
-        m_thread = std::thread([this] { serve(); });
     }
 
     ~ScanDevice() {
         m_stop = true;
         m_thread.join();
-        for (int const fd : m_sockets) close(fd);
-        if (m_second >= 0) close(m_second);
-    }
-
-    // Sends each reply from `address` of the second host as well. To be called before anybody asks.
-    void reply_also_from(SecondHost const& host, std::string const& address) {
-        host.run([&] { m_second = open_socket(0, address); });
     }
 
     ScanDevice(ScanDevice const&) = delete;
     ScanDevice& operator=(ScanDevice const&) = delete;
 
 private:
-    static int open_socket(uint16_t port, std::string const& host = "0.0.0.0") {
-        int const fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
-        address.sin_addr.s_addr = inet_addr(host.c_str());
-        EXPECT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address));
-        return fd;
-    }
-
     void serve() {
-        while (!m_stop) {
-            pollfd ready[] = {{m_sockets[0], POLLIN, 0}, {m_sockets[1], POLLIN, 0}};
-            if (poll(ready, 2, 10) <= 0) continue;
-            for (int road = 0; road < 2; ++road) {
-                if (ready[road].revents != 0) answer(m_sockets[road], road == 0 ? 1 : 3);
-            }
+        ScanRequest const request = m_device.receive(std::chrono::milliseconds(10));
+        if (request.road == ScanRequest::NONE) return;
+        for (Bytes const& reply : m_replies(request.road == ScanRequest::MULTICAST ? 1 : 3)) {
+            m_device.answer(request, reply);
+            if (m_second != nullptr) m_second->send_to(request.port, reply, request.host);
         }
     }
 
-    void answer(int fd, uint8_t command) {
-        sockaddr_in from{};
-        socklen_t size = sizeof from;
-        char request[64];
-        if (recvfrom(fd, request, sizeof request, 0, reinterpret_cast<sockaddr*>(&from), &size) !=
-            9) {
-            return;
-        }
-        for (Bytes const& reply : m_replies(command)) {
-            auto const* const to = reinterpret_cast<sockaddr*>(&from);
-            sendto(fd, reply.data(), reply.size(), 0, to, size);
-            if (m_second >= 0) sendto(m_second, reply.data(), reply.size(), 0, to, size);
-        }
-    }
-
+    RawScanDevice m_device;
     Replies m_replies;
-    int m_sockets[2] = {-1, -1};
-    std::atomic<int> m_second{-1};
+    std::unique_ptr<RawUdp> m_second;  // where each reply is sent from as well
     std::atomic<bool> m_stop{false};
     std::thread m_thread;
 };
@@ -158,6 +112,18 @@ TEST_F(ToolScanTest, ADeviceIsReachedByTheIdThatTheScanFound) {
     EXPECT_EQ("hello\n", ended.out);
 }
 
+TEST_F(ToolScanTest, FindsAServerAndSpeaksToItByItsId) {
+    start_server();
+
+    m_host.run([] {
+        EXPECT_THAT(kyp({"scan", "-c", "1", "-d", "60"}).out,
+                    HasSubstr("\n10.77.0.1.1.1  10.77.0.1"));
+        EXPECT_EQ("10.77.0.1.1.1\n", kyp({"id", "10.77.0.1.1.1"}).out);
+        EXPECT_EQ("hello\n", kyp({"call", "100", "hello", "-t", "10.77.0.1.1.1"}).out);
+        EXPECT_EQ(0, kyp({"ping", "10.77.0.1.1.1", "-c", "1"}).code);
+    });
+}
+
 TEST_F(ToolScanTest, NobodyThereIsAFailureThatNamesWhereItAsked) {
     Ended const ended = kyp({"scan", "-d", "1100ms"});
 
@@ -192,7 +158,7 @@ TEST_F(ToolScanTest, ExplainsWhatWasSentAndWhatBecameOfEachReply) {
     EXPECT_THAT(ended.out,
                 HasSubstr("\n  broadcast to 255.255.255.255:38896: sent 1 time from port "));
     EXPECT_THAT(ended.out, HasSubstr("\nlo: not asked, loopback\n"));
-    for (char const* road : {"multicast from 10.77.0.2:38897", "broadcast from 10.77.0.2:38896"}) {
+    for (char const* road : {"multicast from 10.77.0.2:38896", "broadcast from 10.77.0.2:38896"}) {
         for (char const* line : {
                  "came back 1 time, by ROAD: device 1.2.3.4.5.6\n",
                  "dropped 1 time, by ROAD: its text is no JSON\n",
@@ -280,13 +246,17 @@ TEST_F(ToolScanTest, AnIdThatADeviceClaimsBesideAnotherIsRememberedToo) {
 }
 
 TEST_F(ToolScanTest, AnIdThatTwoDevicesClaimIsNobodys) {
-    m_host.run([] {
+    std::unique_ptr<RawUdp> second;
+    m_host.run([&second] {
         ASSERT_EQ(0, system("PATH=$PATH:/usr/sbin:/sbin; ip addr add 10.77.0.3/24 dev kyp0"));
+        second = std::make_unique<RawUdp>(0, "10.77.0.3");
     });
-    ScanDevice device(m_host, [](uint8_t command) {
-        return std::vector<Bytes>{scan_reply(command, device_json("1.2.3.4.5.6"))};
-    });
-    device.reply_also_from(m_host, "10.77.0.3");
+    ScanDevice const device(
+        m_host,
+        [](uint8_t command) {
+            return std::vector<Bytes>{scan_reply(command, device_json("1.2.3.4.5.6"))};
+        },
+        std::move(second));
 
     Ended const ended = kyp({"scan", "-c", "2", "-d", "60"});
 

@@ -297,4 +297,15 @@ TEST_F(ToolSendTest, StatStaysInItsPlaceOnATerminal) {
     EXPECT_THAT(terminal.output(), HasSubstr("\x1b[H\x1b[2J\x1b[3Jn  1\r\n\x1b[H"));
 }
 
+TEST_F(ToolSendTest, StatSpeaksToTheRealServer) {
+    m_listener.close();
+    start_server();
+
+    Ended const ended = kyp({"stat", "--json"});
+
+    EXPECT_EQ(0, ended.code) << ended.err;
+    EXPECT_EQ("0.3.1", json_of(ended)["server"]["version"]);
+    EXPECT_THAT(kyp({"stat"}).out, HasSubstr("version        0.3.1\n"));
+}
+
 }  // namespace
