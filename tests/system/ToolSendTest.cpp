@@ -1,6 +1,7 @@
 // The command-line tool with work that takes its time: `kyp send`, and `kyp stat` on a server that
 // the tests play.
 #include <cstdlib>
+#include <filesystem>
 
 #include "ToolFixture.h"
 #include "support/TerminalProcess.h"
@@ -199,6 +200,43 @@ TEST_F(ToolSendTest, CtrlCCancelsBetweenTwoChunks) {
     EXPECT_EQ(128 + SIGINT, terminal.wait_exit());
     EXPECT_THAT(terminal.output(), HasSubstr("cancelled: what the device has is not the whole of "
                                              "/tmp/image.bin\r\n"));
+}
+
+class ToolSendToServerTest : public ToolTest {
+protected:
+    ToolSendToServerTest() { start_server({"--receive-files", "--spool-dir", "/tmp/spool"}); }
+};
+
+TEST_F(ToolSendToServerTest, AServerHasTheSameBytes) {
+    write_file("/tmp/image.bin", pattern(20 << 20));
+
+    for (char const* target : {"127.0.0.1", "local"}) {
+        SCOPED_TRACE(target);
+        Ended const ended = kyp({"-q", "send", "/tmp/image.bin", "-t", target});
+        EXPECT_EQ(0, ended.code) << ended.err;
+        EXPECT_EQ(0, system("cmp /tmp/image.bin /tmp/spool/image.bin && rm /tmp/spool/image.bin"));
+    }
+}
+
+TEST_F(ToolSendToServerTest, ACancelledFileIsNotThere) {
+    ASSERT_EQ(0, system("truncate -s 1000M /tmp/image.bin"));
+    TerminalProcess terminal(
+        {"kyp", "--timeout", "20", "send", "/tmp/image.bin", "-t", "127.0.0.1"});
+    ASSERT_TRUE(terminal.wait_for_output("image.bin   1% ["));
+
+    terminal.interrupt();
+
+    EXPECT_EQ(128 + SIGINT, terminal.wait_exit());
+    EXPECT_TRUE(eventually([] { return std::filesystem::is_empty("/tmp/spool"); }));
+}
+
+TEST_F(ToolSendToServerTest, AServerTellsWhatIsTooLarge) {
+    ASSERT_EQ(0, system("truncate -s 2G /tmp/image.bin"));
+
+    Ended const ended = kyp({"-q", "send", "/tmp/image.bin"});
+
+    EXPECT_EQ(1, ended.code);
+    EXPECT_EQ("kyp: image.bin to port 105 of local: packet length too long (0x100d)\n", ended.err);
 }
 
 TEST_F(ToolSendTest, LooksAtTheFileBeforeItAsks) {
