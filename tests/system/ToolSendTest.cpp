@@ -204,7 +204,7 @@ TEST_F(ToolSendTest, CtrlCCancelsBetweenTwoChunks) {
 
 class ToolSendToServerTest : public ToolTest {
 protected:
-    ToolSendToServerTest() { start_server({"--receive-files", "--spool-dir", "/tmp/spool"}); }
+    ToolSendToServerTest() { start_server({"--receive-files"}); }
 };
 
 TEST_F(ToolSendToServerTest, AServerHasTheSameBytes) {
@@ -214,7 +214,8 @@ TEST_F(ToolSendToServerTest, AServerHasTheSameBytes) {
         SCOPED_TRACE(target);
         Ended const ended = kyp({"-q", "send", "/tmp/image.bin", "-t", target});
         EXPECT_EQ(0, ended.code) << ended.err;
-        EXPECT_EQ(0, system("cmp /tmp/image.bin /tmp/spool/image.bin && rm /tmp/spool/image.bin"));
+        EXPECT_EQ(0, system("cmp /tmp/image.bin /var/tmp/kyp/spool/image.bin && rm "
+                            "/var/tmp/kyp/spool/image.bin"));
     }
 }
 
@@ -227,7 +228,7 @@ TEST_F(ToolSendToServerTest, ACancelledFileIsNotThere) {
     terminal.interrupt();
 
     EXPECT_EQ(128 + SIGINT, terminal.wait_exit());
-    EXPECT_TRUE(eventually([] { return std::filesystem::is_empty("/tmp/spool"); }));
+    EXPECT_TRUE(eventually([] { return std::filesystem::is_empty("/var/tmp/kyp/spool"); }));
 }
 
 TEST_F(ToolSendToServerTest, AServerTellsWhatIsTooLarge) {
