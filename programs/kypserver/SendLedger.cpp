@@ -142,7 +142,9 @@ size_t CSendLedger::waiting(IConnection* conn) const {
 size_t CSendLedger::waiting() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     size_t sum = 0;
-    for (auto const& [conn, link] : m_links) sum += link.lanes[TOPIC].waiting + link.lanes[REQUEST].waiting;
+    for (auto const& [conn, link] : m_links) {
+        sum += link.lanes[TOPIC].waiting + link.lanes[REQUEST].waiting;
+    }
     return sum;
 }
 

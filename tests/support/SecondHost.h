@@ -26,8 +26,8 @@ public:
     // there too.
     void run(std::function<void()> const& work) const;
 
-    // Moves the calling thread to the second host for good; false when it stays. For a child between
-    // fork and exec.
+    // Moves the calling thread to the second host for good; false when it stays. For a child
+    // between fork and exec.
     bool enter() const;
 
 private:

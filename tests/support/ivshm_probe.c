@@ -1,4 +1,4 @@
-/* A transport that moves nothing: it tells what it was asked. One of its functions may be left out. */
+/* A transport that moves nothing: it tells what it was asked. A function may be left out. */
 #include <stdbool.h>
 #include <stddef.h>
 

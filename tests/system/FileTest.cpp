@@ -277,8 +277,8 @@ TEST_F(FileTest, LimitOfTransfersHoldsAcrossConnections) {
     RawPeer third = RawPeer::connect_tcp(9999);
     EXPECT_EQ("00 00 10 1B", hex(ask(third, info("third", 10))).substr(15));
     first.close();
-    EXPECT_TRUE(eventually(
-        [&] { return hex(ask(third, info("third", 10))).substr(15) == "00 00 00 00"; }));
+    EXPECT_TRUE(
+        eventually([&] { return hex(ask(third, info("third", 10))).substr(15) == "00 00 00 00"; }));
 }
 
 TEST_F(FileTest, HostilePacketsHurtNobody) {

@@ -132,8 +132,8 @@ TEST_F(LibkypTest, CreateInstanceV2RefusesWhatItCannotMake) {
     char info[24] = {};
     for (Row const& row :
          {Row{KYP_CONN_TCP, 21, KYP_ERR_PARAM}, Row{KYP_CONN_DOMAIN, 24, KYP_ERR_PARAM},
-          Row{KYP_CONN_NONE, 24, KYP_ERR_PROTOCOL},
-          Row{KYP_CONN_IVSHM, 23, KYP_ERR_PARAM}, Row{5, 24, KYP_ERR_CONN_TYPE}}) {
+          Row{KYP_CONN_NONE, 24, KYP_ERR_PROTOCOL}, Row{KYP_CONN_IVSHM, 23, KYP_ERR_PARAM},
+          Row{5, 24, KYP_ERR_CONN_TYPE}}) {
         SCOPED_TRACE(row.type);
 
         EXPECT_EQ(nullptr, libkyp_createInstanceV2(row.type, info, row.size, 100));
