@@ -58,6 +58,7 @@ bool receive(IvshmSvrGroup& group, unsigned char* buf, unsigned long capacity,
                 static_cast<int>(sizeof(ShmHeader)), capacity);
         return false;
     }
+    // Kept: an idle channel logs an error every two seconds.
     KYP_LOG(LOG_LEVEL_ERROR, "ivshm read buffer timeout");
     return false;
 }
@@ -278,8 +279,9 @@ bool IvshmSvrGroup::raw_send(void* data, int size, int timeoutMs) {
         tlsErrno = KYP_ERR_IVSHM_HANDLE;
         return false;
     }
-    if (ExtIvshmApiDef::GetInstance().Send(handle, static_cast<unsigned long>(size), data,
-                                           timeoutMs)) {
+    // A size that has wrapped would name more bytes than there are.
+    if (size >= 0 && ExtIvshmApiDef::GetInstance().Send(handle, static_cast<unsigned long>(size),
+                                                        data, timeoutMs)) {
         return true;
     }
     KYP_LOG(LOG_LEVEL_WARNING, "ivshm group idx:%d send of %d bytes fail,timeout:%d ms", m_nIdx,

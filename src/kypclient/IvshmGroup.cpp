@@ -104,6 +104,7 @@ IvshmGroup* IvshmGroup::makeIvshmGroup(MODE mode, int idx, int maxSize) {
     }
     std::lock_guard<std::mutex> lock(mutex);
     IvshmGroup*& group = m_arrIvshmGroup[idx];
+    // Kept: side and largest frame are those of the first caller, whatever later ones ask for.
     if (group == nullptr) {
         group = new IvshmGroup(mode, idx, maxSize);
         KYP_LOG(LOG_LEVEL_DEBUG, "create ivshm group,idx:%d,maxsizebyte:%d", idx, maxSize);
@@ -119,7 +120,7 @@ void IvshmGroup::destoryIvshmGroup(IvshmGroup* group) {
     }
     {
         std::lock_guard<std::mutex> lock(mutex);
-        if (group->subRefCount() > 0) return;
+        if (group->subRefCount() != 0) return;
         KYP_LOG(LOG_LEVEL_INFO, "ivshm group idx:%d refcount==0 release object",
                 group->getIvshmIdx());
         IvshmGroup** const slot =
@@ -264,8 +265,11 @@ bool IvshmGroup::raw_send(void* data, int size, int timeoutMs) {
         KYP_LOG(LOG_LEVEL_ERROR, "invaild send handle");
         return false;
     }
-    (void)ExtIvshmApiDef::GetInstance().Send(handle, static_cast<unsigned long>(size), data,
-                                             timeoutMs);
+    // A size that has wrapped would name more bytes than there are.
+    if (size >= 0) {
+        (void)ExtIvshmApiDef::GetInstance().Send(handle, static_cast<unsigned long>(size), data,
+                                                 timeoutMs);
+    }
     // Kept: a failure in all cases, also when the message is on its way.
     tlsErrno = KYP_ERR_IVSHM_TIMEOUT;
     return false;

@@ -103,6 +103,11 @@ long FakeTopics::send_timeout() {
     return m_sendTimeout;
 }
 
+int FakeTopics::most_sends_at_once() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_mostSends;
+}
+
 FakeTopics::Topic& FakeTopics::topic_at(int number) {
     Topic& topic = m_topics[number];
     topic.number = number;
@@ -116,13 +121,18 @@ void* FakeTopics::init(int topic, int mode) {
 }
 
 bool FakeTopics::send(void* handle, unsigned long size, void* data, long timeoutMs) {
+    // Counted ahead of the lock, where senders that come together meet.
+    const int underWay = ++g_topics->m_sendsUnderWay;
     std::lock_guard<std::mutex> lock(g_topics->m_mutex);
+    g_topics->m_mostSends = std::max(g_topics->m_mostSends, underWay);
     g_topics->m_sendTimeout = timeoutMs;
-    if (g_topics->m_refuseSend) return false;
-    auto const* const bytes = static_cast<uint8_t const*>(data);
-    static_cast<Topic*>(handle)->sent.emplace_back(bytes, bytes + size);
-    g_topics->m_changed.notify_all();
-    return true;
+    if (!g_topics->m_refuseSend) {
+        auto const* const bytes = static_cast<uint8_t const*>(data);
+        static_cast<Topic*>(handle)->sent.emplace_back(bytes, bytes + size);
+        g_topics->m_changed.notify_all();
+    }
+    --g_topics->m_sendsUnderWay;
+    return !g_topics->m_refuseSend;
 }
 
 bool FakeTopics::recv(void* handle, unsigned long* size, void* data, long timeoutMs) {

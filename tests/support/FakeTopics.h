@@ -6,6 +6,7 @@
 #ifndef KYP_TESTS_SUPPORT_FAKETOPICS_H
 #define KYP_TESTS_SUPPORT_FAKETOPICS_H
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <map>
@@ -55,6 +56,9 @@ public:
     unsigned long read_room();
     long send_timeout();
 
+    // The most sends that were under way at the same time, on any handle.
+    int most_sends_at_once();
+
 private:
     struct Topic {
         int number = 0;
@@ -70,6 +74,7 @@ private:
 
     Topic& topic_at(int number);
 
+    std::atomic<int> m_sendsUnderWay{0};
     std::mutex m_mutex;  // guards all below
     std::condition_variable m_changed;
     std::map<int, Topic> m_topics;
@@ -81,6 +86,7 @@ private:
     long m_readTimeout = -1;
     unsigned long m_readRoom = 0;
     long m_sendTimeout = -1;
+    int m_mostSends = 0;
 };
 
 // A message of shared memory, from the byte table: the header of 20 bytes and the frame. The second

@@ -254,6 +254,17 @@ TEST_F(IvshmSvrGroupTest, KeepsCountingAsOpenAfterItsTopicsWereClosed) {
     EXPECT_EQ(nullptr, m_group->m_hRead);
 }
 
+TEST_F(IvshmSvrGroupTest, ClosesTheOneTopicThatItGot) {
+    m_topics.refuse_open(kWrite);
+    ASSERT_FALSE(m_group->init_ivshm_topic());
+
+    m_group->uninit_ivshm_topic();
+
+    EXPECT_THAT(m_topics.closed(), ElementsAre(kRead));
+    EXPECT_EQ(nullptr, m_group->m_hRead);
+    EXPECT_FALSE(m_group->m_bInit);
+}
+
 TEST_F(IvshmSvrGroupTest, ClosesNothingTwice) {
     m_group->init_ivshm_topic();
     m_group->uninit_ivshm_topic();
@@ -457,7 +468,7 @@ TEST_F(IvshmSvrGroupTest, TakesFramesUpToTheLargestAndALittleMore) {
     EXPECT_EQ(kMaxSize + 1024u, m_topics.read_room());
 }
 
-TEST_F(IvshmSvrGroupTest, LogsEachWaitThatBroughtNothing) {
+TEST_F(IvshmSvrGroupTest, KeepsLoggingEachWaitThatBroughtNothing) {
     serve();
     ASSERT_TRUE(m_topics.wait_consumed(kRead));
     EXPECT_EQ(2000, m_topics.read_timeout());
@@ -571,6 +582,16 @@ TEST_F(IvshmSvrGroupTest, TellsWhetherAMessageWasSent) {
     m_topics.refuse_send();
     EXPECT_FALSE(m_group->raw_send(data, sizeof data, 100));
     EXPECT_EQ(0x101e, tlsErrno);
+}
+
+TEST_F(IvshmSvrGroupTest, SendsNothingOfANegativeSize) {
+    ASSERT_TRUE(m_group->init_ivshm_topic());
+    char data[4] = {};
+
+    EXPECT_FALSE(m_group->raw_send(data, -1, 100));
+
+    EXPECT_EQ(0x101e, tlsErrno);
+    EXPECT_EQ(-1, m_topics.send_timeout());
 }
 
 TEST_F(IvshmSvrGroupTest, LeavesConnectionsThatAnswerIntoTheVoidWhenItEnds) {
@@ -688,6 +709,7 @@ TEST_F(IvshmSvrGroupTest, Serves32ClientsAtOnceWithAnswersFromManyThreads) {
     std::sort(expected.begin(), expected.end());
     std::sort(sent.begin(), sent.end());
     EXPECT_EQ(expected, sent);
+    EXPECT_EQ(1, m_topics.most_sends_at_once());
 }
 
 }  // namespace

@@ -130,8 +130,6 @@ TEST_F(IvshmGroupTest, IsTheSameForThreeCallersAndGoesWithTheThird) {
     EXPECT_EQ(m_group, IvshmGroup::makeIvshmGroup(0, 0, 100));
     EXPECT_EQ(m_group, IvshmGroup::makeIvshmGroup(1, 0, 200));
     EXPECT_EQ(3, m_group->getRefCount());
-    EXPECT_EQ(1, m_group->m_enMode);
-    EXPECT_EQ(kMaxSize, m_group->m_nMaxSize);
     EXPECT_EQ(1, m_log.count_containing("create ivshm group"));
 
     IvshmGroup::destoryIvshmGroup(m_group);
@@ -145,6 +143,23 @@ TEST_F(IvshmGroupTest, IsTheSameForThreeCallersAndGoesWithTheThird) {
     EXPECT_EQ(nullptr, IvshmGroup::m_arrIvshmGroup[0]);
     EXPECT_EQ(1, m_log.count("INFO", "ivshm group idx:0 refcount==0 release object"));
     EXPECT_EQ(0, tlsErrno);
+}
+
+TEST_F(IvshmGroupTest, KeepsSideAndSizeOfItsFirstCaller) {
+    ASSERT_EQ(m_group, IvshmGroup::makeIvshmGroup(0, 0, 100));
+
+    EXPECT_EQ(1, m_group->m_enMode);
+    EXPECT_EQ(kMaxSize, m_group->m_nMaxSize);
+}
+
+TEST_F(IvshmGroupTest, IsNotReleasedByACountThatWasZeroBefore) {
+    IvshmGroup group(1, 1, 100);
+
+    IvshmGroup::destoryIvshmGroup(&group);
+
+    EXPECT_EQ(-1, group.getRefCount());
+    EXPECT_EQ(1, group.getIvshmIdx());
+    EXPECT_EQ(0, m_log.count_containing("release"));
 }
 
 TEST_F(IvshmGroupTest, IsMadeAnewAfterItsEnd) {
@@ -225,6 +240,7 @@ TEST_F(IvshmGroupTest, KeepsTheHandlesOfItsTopicsNowhere) {
     EXPECT_EQ(77, tlsErrno);
     EXPECT_FALSE(m_group->init_ivshm_topic());
     EXPECT_THAT(m_topics.opened(), SizeIs(4));
+    EXPECT_THAT(m_topics.closed(), IsEmpty());
 }
 
 TEST_F(IvshmGroupTest, UsesHandlesThatWereSetBefore) {
@@ -660,6 +676,16 @@ TEST_F(IvshmGroupTest, KeepsReportingAFailureForWhatItSent) {
     EXPECT_EQ(0x101e, tlsErrno);
 }
 
+TEST_F(IvshmGroupTest, SendsNothingOfANegativeSize) {
+    set_handles();
+    char data[4] = {};
+
+    EXPECT_FALSE(m_group->raw_send(data, -1, 150));
+
+    EXPECT_EQ(0x101e, tlsErrno);
+    EXPECT_EQ(-1, m_topics.send_timeout());
+}
+
 // ---- many at once
 
 TEST_F(IvshmGroupTest, Serves32ClientsAtOnce) {
@@ -691,6 +717,7 @@ TEST_F(IvshmGroupTest, Serves32ClientsAtOnce) {
     auto const process = static_cast<uint32_t>(getpid());
     std::vector<Bytes> const sent = m_topics.sent(kWrite);
     EXPECT_THAT(sent, SizeIs(32 * kEach));
+    EXPECT_EQ(1, m_topics.most_sends_at_once());
     for (uint32_t id = 1; id <= 32; ++id) {
         std::vector<Bytes> expected;
         for (uint32_t n = 0; n < kEach; ++n) {
@@ -741,6 +768,33 @@ TEST_F(IvshmGroupTest, LosesAndMakesClientsUnderAFlood) {
     done = true;
     flood.join();
     EXPECT_THAT(m_group->m_arrClient, Each(nullptr));
+}
+
+// The thread ends behind the class mutex, so a callback may ask for it until then.
+TEST_F(IvshmGroupTest, LetsARouteMakeAGroupWhileItsOwnGoes) {
+    Route route;
+    std::atomic<bool> inRoute{false};
+    std::atomic<bool> going{false};
+    IvshmGroup* other = nullptr;
+    route.m_onMessage = [&] {
+        inRoute = true;
+        EXPECT_TRUE(eventually([&] { return going.load(); }));
+        other = IvshmGroup::makeIvshmGroup(1, 1, 100);
+    };
+    CIvshmClient* const client = client_with(route);
+    serve();
+    m_topics.put(kRead, shm_message(1, 1, frame("x")));
+    ASSERT_TRUE(eventually([&] { return inRoute.load(); }));
+
+    std::thread destroyer([this] { IvshmGroup::destoryIvshmGroup(m_group); });
+    EXPECT_TRUE(m_log.wait_for("refcount==0 release object"));
+    going = true;
+    destroyer.join();
+    m_group = nullptr;
+
+    EXPECT_NE(nullptr, other);
+    IvshmGroup::destoryIvshmGroup(other);
+    delete client;
 }
 
 TEST_F(IvshmGroupTest, IsMadeAndReleasedByManyThreads) {

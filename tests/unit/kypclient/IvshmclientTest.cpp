@@ -154,6 +154,14 @@ TEST_F(CIvshmClientTest, KeepsReportingBytesAsSentThatWereNot) {
     EXPECT_EQ(0x101e, tlsErrno);
 }
 
+TEST_F(CIvshmClientTest, SendsNothingBeyondTwoGibibytes) {
+    EXPECT_EQ(0, m_client->raw_send("abcd", 0x80000000U, 100));
+
+    EXPECT_EQ(0x101e, tlsErrno);
+    EXPECT_THAT(m_topics.sent(kWrite), IsEmpty());
+    EXPECT_EQ(-1, m_topics.send_timeout());
+}
+
 TEST_F(CIvshmClientTest, KeepsGivingARequestUpThatItSent) {
     char data[] = "AB";
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <climits>
 #include <functional>
 #include <mutex>
 #include <thread>
@@ -410,7 +411,16 @@ TEST_F(IvshmConnTest, IsMadeWhereTheGroupHasItsHandles) {
     EXPECT_THAT(m_events.events(), IsEmpty());
 }
 
-TEST_F(IvshmConnTest, GivesItsPlaceBackAndKeepsItsHoldOnTheGroup) {
+TEST_F(IvshmConnTest, KeepsTheCallersTimeoutOutOfItsMaking) {
+    group_with_handles();
+
+    for (int const timeoutMs : {INT_MIN, 0, 100, INT_MAX}) {
+        SCOPED_TRACE(timeoutMs);
+        EXPECT_NE(nullptr, create(0, timeoutMs));
+    }
+}
+
+TEST_F(IvshmConnTest, KeepsItsHoldOnTheGroupWhenItGivesItsPlaceBack) {
     IvshmGroup* const group = group_with_handles();
     IKypPeerConnection* const conn = create();
 
