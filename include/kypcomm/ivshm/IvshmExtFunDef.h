@@ -5,8 +5,7 @@
 // Owns:     nothing that it gives back: once loaded, the library stays mapped to the end of the
 //           process, so that the four functions stay callable.
 // Threads:  any. The load happens once. Send() and Recv() run at the same time on different
-// handles;
-//           who sends on one handle from several threads lets them take turns.
+//           handles; who sends on one handle from several threads lets them take turns.
 // Lifetime: one per process, made by the first GetInstance() and never destroyed.
 #ifndef KYP_KYPCOMM_IVSHM_IVSHMEXTFUNDEF_H
 #define KYP_KYPCOMM_IVSHM_IVSHMEXTFUNDEF_H
