@@ -66,8 +66,10 @@ TEST_F(LibkypCmpLinkTest, APortIsRegisteredWithTheServer) {
     void* const handle = registered("drive0");
     int result = -1;
 
-    Bytes const request =
-        answered(verdict_frame(3), [&] { result = add_router(handle, 501, no_route); });
+    Bytes const request = answered(verdict_frame(3), [&] {
+        tlsErrno = KYP_ERR_TOPIC;
+        result = add_router(handle, 501, no_route);
+    });
 
     EXPECT_EQ(0, result);
     EXPECT_EQ(0, libkypcmp_get_errno());
@@ -132,6 +134,7 @@ TEST_F(LibkypCmpTest, APortWithoutALinkIsReportedAndKept) {
 
 TEST_F(LibkypCmpLinkTest, APublishGoesOutWithTopicWordsAndData) {
     void* const handle = registered("drive0");
+    tlsErrno = KYP_ERR_TOPIC;
 
     EXPECT_EQ(0, libkypcmp_publish(handle, 0x10, 0x20, "line1", "21.5", 4));
 
@@ -157,9 +160,12 @@ TEST_F(LibkypCmpLinkTest, AnEmptyPublishGoesOut) {
 
 TEST_F(LibkypCmpLinkTest, SubscriptionsGoOut) {
     void* const handle = registered("drive0");
+    tlsErrno = KYP_ERR_TOPIC;
 
     EXPECT_EQ(0, libkypcmp_subscribe(handle, "limits", no_topic, nullptr));
+    EXPECT_EQ(0, libkypcmp_get_errno());
     EXPECT_EQ(hex(subscribe_frame(2, "limits")), hex(m_server->receive()));
+    tlsErrno = KYP_ERR_TOPIC;
     EXPECT_EQ(0, libkypcmp_unsubscribe(handle, "limits"));
     EXPECT_EQ(hex(unsubscribe_frame(3, "limits")), hex(m_server->receive()));
     EXPECT_EQ(0, libkypcmp_get_errno());
