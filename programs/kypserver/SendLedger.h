@@ -15,13 +15,13 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <unordered_map>
 #include <vector>
 
 #include "kypcomm/KypWire.h"
+#include "kypserver/Ring.h"
 
 class CMsgHeader;
 class CSocketConnection;
@@ -91,9 +91,9 @@ private:
         Link();
         ~Link();
 
-        std::deque<Frame> frames;  // in the order of the connection's queue, then those kept here
-        Lane lanes[2];             // by Kind
-        uint32_t hold = 0;         // the ticket of hold(), 0 while frames go their way
+        CRing<Frame> frames;  // in the order of the connection's queue, then those kept here
+        Lane lanes[2];        // by Kind
+        uint32_t hold = 0;    // the ticket of hold(), 0 while frames go their way
         std::vector<std::unique_ptr<CMsgHeader>> kept;
     };
 

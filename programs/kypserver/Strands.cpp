@@ -8,12 +8,6 @@
 
 namespace kypserver {
 
-namespace {
-
-constexpr size_t kFirstPlaces = 8;
-
-}  // namespace
-
 void CStrands::order(unsigned short port) {
     m_ordered.set(port);
 }
@@ -24,8 +18,8 @@ void CStrands::expect(CMsgHeader* msg, _KypHeader const& head) {
 
     Strand& strand = m_strands.at(msg->m_pConn);
     std::lock_guard<std::mutex> lock(strand.mutex);
-    if (strand.next - strand.first == strand.ring.size()) strand.grow();
-    msg->m_nInvokeId = strand.next++;
+    msg->m_nInvokeId = strand.first + static_cast<uint32_t>(strand.places.size());
+    strand.places.push_back({});
 }
 
 void CStrands::handle(CMsgHeader& msg, _KypHeader const& head, _AoEHeader const& aoe,
@@ -39,7 +33,7 @@ void CStrands::handle(CMsgHeader& msg, _KypHeader const& head, _AoEHeader const&
     std::unique_lock<std::mutex> lock(strand->mutex);
     if (!strand->has(number)) return;
     if (number != strand->first || strand->isServed) {
-        strand->place(number) = {take_over(msg), head, aoe, &handler};
+        strand->places[number - strand->first] = {take_over(msg), head, aoe, &handler};
         return;
     }
 
@@ -61,10 +55,10 @@ void CStrands::end(IConnection* conn) {
     Strand* const strand = m_strands.find(conn);
     if (strand == nullptr) return;
 
-    std::vector<Place> dropped;
+    CRing<Place> dropped;
     std::lock_guard<std::mutex> lock(strand->mutex);
-    dropped.swap(strand->ring);
-    strand->first = strand->next;
+    strand->first += static_cast<uint32_t>(strand->places.size());
+    std::swap(dropped, strand->places);
 }
 
 size_t CStrands::waiting(IConnection* conn) const {
@@ -72,23 +66,18 @@ size_t CStrands::waiting(IConnection* conn) const {
     if (strand == nullptr) return 0;
 
     std::lock_guard<std::mutex> lock(strand->mutex);
-    return strand->next - strand->first;
-}
-
-void CStrands::Strand::grow() {
-    std::vector<Place> larger(ring.empty() ? kFirstPlaces : 2 * ring.size());
-    for (uint32_t number = first; number != next; ++number) {
-        larger[number & (larger.size() - 1)] = std::move(place(number));
-    }
-    ring.swap(larger);
+    return strand->places.size();
 }
 
 // The message at `number` has been served. Gives the following one if it has come already. The
 // strand may have been emptied meanwhile; then `number` is no longer in it.
 bool CStrands::Strand::finish(uint32_t number, Place& following) {
-    if (has(number)) first = number + 1;
-    isServed = first != next && place(first).msg != nullptr;
-    if (isServed) following = std::move(place(first));
+    if (has(number)) {
+        places.pop_front();
+        ++first;
+    }
+    isServed = !places.empty() && places.front().msg != nullptr;
+    if (isServed) following = std::move(places.front());
     return isServed;
 }
 

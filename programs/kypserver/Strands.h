@@ -17,11 +17,11 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <vector>
 
 #include "kypcomm/KypWire.h"
 #include "kypcomm/pbuf/CMsgHeader.h"
 #include "kypserver/ByConnection.h"
+#include "kypserver/Ring.h"
 
 namespace kypserver {
 
@@ -55,17 +55,13 @@ private:
         IFrameHandler* handler = nullptr;
     };
 
-    // The places `first` up to `next`, each at its number modulo the ring's size.
     struct Strand {
-        std::mutex mutex;         // guards the rest
-        std::vector<Place> ring;  // a power of two, or none
-        uint32_t first = 0;
-        uint32_t next = 0;
+        std::mutex mutex;  // guards the rest
+        CRing<Place> places;
+        uint32_t first = 0;     // the number of the first place; the others follow
         bool isServed = false;  // a worker is at it
 
-        Place& place(uint32_t number) { return ring[number & (ring.size() - 1)]; }
-        bool has(uint32_t number) const { return number - first < next - first; }
-        void grow();
+        bool has(uint32_t number) const { return number - first < places.size(); }
         bool finish(uint32_t number, Place& following);
     };
 
