@@ -17,6 +17,10 @@ bool may_be_served(uint32_t port) {
 
 CRegistry::CRegistry() = default;
 
+void CRegistry::reserve(unsigned short port) {
+    if (port <= kHighestPort) m_ports[port].isReserved = true;
+}
+
 unsigned int CRegistry::add(CSocketConnection* channel, Component component) {
     if (!is_component_name(component.name)) return KYP_ERR_COMPONENT_NAME;
     if (Component const* const own = find(channel)) {
@@ -38,8 +42,9 @@ unsigned int CRegistry::add_port(CSocketConnection* channel, std::string const& 
 
     Port& entry = m_ports[port];
     if (entry.channel == channel) return KYP_OK;
-    if (entry.channel != nullptr) return KYP_ERR_ROUTE_REGISTERED;
-    entry = {channel, true};
+    if (entry.channel != nullptr || entry.isReserved) return KYP_ERR_ROUTE_REGISTERED;
+    entry.channel = channel;
+    entry.wasServed = true;
     found->second.ports.push_back(static_cast<unsigned short>(port));
     return KYP_OK;
 }

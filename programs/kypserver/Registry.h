@@ -29,6 +29,9 @@ class CRegistry {
 public:
     CRegistry();
 
+    // `port` is served by the server itself: no component may have it.
+    void reserve(unsigned short port);
+
     // Makes `channel` the channel of a component. Returns 0, also when it is just that already;
     // 0x4005 for an illegal name, 0x4003 for one that another channel has, 0x1018 when the channel
     // is that of a component with another name.
@@ -36,7 +39,7 @@ public:
 
     // Has the component `name` on `channel` serve `port`. Returns 0, also when it does already;
     // 0x4001 when it is not registered there, 0x1012 for a port outside 501..4096, 0x1007 for one
-    // that another component serves.
+    // that another component or the server itself serves.
     unsigned int add_port(CSocketConnection* channel, std::string const& name, uint32_t port);
 
     // Frees name and ports. Returns false when `channel` is not that of a component.
@@ -57,6 +60,7 @@ private:
     struct Port {
         CSocketConnection* channel = nullptr;
         bool wasServed = false;
+        bool isReserved = false;
     };
 
     std::unordered_map<CSocketConnection*, Component> m_components;

@@ -45,6 +45,11 @@ CSwitchboard::CSwitchboard(CConnections const& connections, CSendLedger& ledger,
                            CCounters& counters)
     : m_connections(connections), m_ledger(ledger), m_held(held), m_counters(counters) {}
 
+void CSwitchboard::reserve(unsigned short port) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_registry.reserve(port);
+}
+
 void CSwitchboard::handle(CMsgHeader& msg, _KypHeader const& head, _AoEHeader const& aoe) {
     CSocketConnection* const peer = msg.m_pConn;
     size_t const payload = held_payload(msg);

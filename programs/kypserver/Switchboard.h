@@ -34,6 +34,9 @@ public:
     CSwitchboard(CConnections const& connections, CSendLedger& ledger, CHeldBytes& held,
                  CCounters& counters);
 
+    // Keeps a port that the server itself serves from the components.
+    void reserve(unsigned short port);
+
     // A request goes to its port's component, with the client's number in front of its payload.
     // Refused are, with the code in the answer: a port that nobody serves (0x1006) or whose
     // component has gone (0x4004), a frame that has no third head (0x100c) or would be too long for

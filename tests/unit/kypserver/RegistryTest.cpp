@@ -76,6 +76,15 @@ TEST_F(RegistryTest, PortsFrom501To4096MayBeServed) {
     EXPECT_EQ(0U, m_registry.add_port(&m_motor, "motor", 4096));
 }
 
+TEST_F(RegistryTest, APortOfTheServersOwnIsTaken) {
+    m_registry.add(&m_motor, {"motor", 0, 0, {}});
+    m_registry.reserve(600);
+    m_registry.reserve(5000);  // no port at all
+
+    EXPECT_EQ(0x1007U, m_registry.add_port(&m_motor, "motor", 600));
+    EXPECT_EQ(0U, m_registry.add_port(&m_motor, "motor", 601));
+}
+
 TEST_F(RegistryTest, APortNeedsItsComponent) {
     EXPECT_EQ(0x4001U, m_registry.add_port(&m_motor, "motor", 600));
     m_registry.add(&m_motor, {"motor", 0, 0, {}});
