@@ -182,6 +182,11 @@ std::optional<int> parse_options(int argc, char const* const* argv, Options& opt
     add_threads(app, options);
     add_limits(app, options);
     add_files(app, options.files);
+    app.add_option("--quiet-ms", options.quietMs,
+                   "milliseconds without a registration before a component gets its first calls")
+        ->check(CLI::Range(0, 60000).description(""))
+        ->type_name("0..60000")
+        ->capture_default_str();
     app.add_flag("--allow-set-id", options.allowSetId, "let a peer change the id of this device");
     app.add_flag("-v,--verbose", options.verbose, "show what the library logs; twice: all of it");
     app.footer(

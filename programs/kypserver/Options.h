@@ -56,6 +56,7 @@ struct Options {
     FileOptions files;
 
     bool allowSetId = false;  // a peer may change this device's id
+    int quietMs = 200;        // without a registration, before a component gets other frames
     int verbose = 0;          // 1: the library's log from DEBUG on, 2: all of it
 };
 

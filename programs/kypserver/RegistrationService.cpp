@@ -25,11 +25,12 @@ std::string printable(std::string_view name) {
 
 CRegistrationService::CRegistrationService(CConnections const& connections,
                                            CSwitchboard& switchboard, CSendLedger& ledger,
-                                           CErrands& errands)
+                                           CErrands& errands, std::chrono::milliseconds quietTime)
     : m_connections(connections),
       m_switchboard(switchboard),
       m_ledger(ledger),
-      m_errands(errands) {}
+      m_errands(errands),
+      m_quietTime(quietTime) {}
 
 unsigned short CRegistrationService::port() const {
     return kPortRegister;
@@ -57,7 +58,7 @@ void CRegistrationService::serve(Request const& request) {
     uint32_t const ticket = m_ledger.hold(channel);
     reply(request, body, decide(request, body));
     CSendLedger& ledger = m_ledger;
-    m_errands.after(kQuiet, [&ledger, channel, ticket] { ledger.release(channel, ticket); });
+    m_errands.after(m_quietTime, [&ledger, channel, ticket] { ledger.release(channel, ticket); });
 }
 
 // Fills `body` as far as the request goes. Returns the verdict.

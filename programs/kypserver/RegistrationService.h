@@ -2,7 +2,7 @@
 //
 // A component that registers takes the next frame on its channel for the reply, whatever it is, and
 // it mostly registers several things in a row. So from the moment at which its request is read here
-// other frames for it are kept back, until it has been quiet for kQuiet.
+// other frames for it are kept back, until it has been quiet for a while.
 //
 // Threads:  serve() on any worker.
 // Lifetime: outlives the workers.
@@ -23,10 +23,9 @@ struct RegistrationBody;
 
 class CRegistrationService : public IService {
 public:
-    static constexpr std::chrono::milliseconds kQuiet{200};
-
     CRegistrationService(CConnections const& connections, CSwitchboard& switchboard,
-                         CSendLedger& ledger, CErrands& errands);
+                         CSendLedger& ledger, CErrands& errands,
+                         std::chrono::milliseconds quietTime);
 
     unsigned short port() const override;
     bool in_order() const override;
@@ -47,6 +46,7 @@ private:
     CSwitchboard& m_switchboard;
     CSendLedger& m_ledger;
     CErrands& m_errands;
+    std::chrono::milliseconds const m_quietTime;
 };
 
 }  // namespace kypserver

@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 
@@ -109,7 +110,8 @@ int main(int argc, char** argv) {
     CIdentityService identity(options.allowSetId, errands);
     CTopicBroker topics(connections, ledger, counters, options.maxTopics);
     CSwitchboard switchboard(connections, ledger, held, counters);
-    CRegistrationService registration(connections, switchboard, ledger, errands);
+    CRegistrationService registration(connections, switchboard, ledger, errands,
+                                      std::chrono::milliseconds(options.quietMs));
     CStateService state;
     state.add(describe_server({options, connections, topics, switchboard, ledger, held, counters}));
     CFileService files(options.files, connections);
@@ -131,6 +133,7 @@ int main(int argc, char** argv) {
         return fail("port " + std::to_string(options.files.port) +
                     " has another service; choose another --file-port");
     }
+    if (options.files.receive) switchboard.reserve(files.port());
     ports.give_the_rest_to(switchboard);
 
     CEndpoints endpoints(options, {connections, ledger, held, strands, counters});

@@ -38,27 +38,6 @@ Bytes registration_frame(uint32_t invokeId, Bytes const& body) {
     return request_frame(kRegistrationPort, 9, invokeId, 0, 0, body);
 }
 
-Bytes forward_head(uint32_t event, uint16_t client) {
-    return join({{0}, u32_le(event), u16_le(client), Bytes(6)});
-}
-
-Bytes answer_head(uint16_t client, uint32_t invokeId) {
-    return join({Bytes(7), u16_le(client), u32_le(invokeId)});
-}
-
-Bytes forwarded_frame(uint16_t client, uint16_t port, uint16_t cmd, uint32_t invokeId,
-                      uint32_t indexGroup, uint32_t indexOffset, Bytes const& payload,
-                      uint32_t event) {
-    return request_frame(port, cmd, invokeId, indexGroup, indexOffset,
-                         join({forward_head(event, client), payload}));
-}
-
-Bytes component_answer(uint16_t client, uint16_t port, uint16_t cmd, uint32_t invokeId,
-                       Bytes const& payload, uint32_t error) {
-    return response_frame(port, cmd, invokeId, join({answer_head(client, invokeId), payload}),
-                          error);
-}
-
 Forwarded take_forwarded_apart(Bytes const& frame) {
     Forwarded result;
     FrameParts const parts = take_apart(frame);
@@ -107,8 +86,8 @@ Forwarded FakeComponent::receive(std::chrono::milliseconds deadline) {
 }
 
 bool FakeComponent::answer(Forwarded const& request, Bytes const& payload, uint32_t error) {
-    return m_peer.send(component_answer(request.client, request.port, request.cmd, request.invokeId,
-                                        payload, error));
+    return m_peer.send(
+        answer_frame(request.port, request.cmd, request.invokeId, request.client, payload, error));
 }
 
 RawPeer& FakeComponent::peer() {

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <string>
 
+#include "support/ComponentFrames.h"
 #include "support/FrameBytes.h"
 #include "support/RawPeer.h"
 
@@ -16,19 +17,6 @@
 Bytes registration_body(uint16_t cmdId, std::string const& name, uint32_t port = 0,
                         uint32_t drvParam0 = 0, uint32_t drvParam1 = 0, uint32_t errId = 0);
 Bytes registration_frame(uint32_t invokeId, Bytes const& body);
-
-// The forward head towards a component, and from it.
-Bytes forward_head(uint32_t event, uint16_t client);
-Bytes answer_head(uint16_t client, uint32_t invokeId);
-
-// A client's request as its component gets it.
-Bytes forwarded_frame(uint16_t client, uint16_t port, uint16_t cmd, uint32_t invokeId,
-                      uint32_t indexGroup, uint32_t indexOffset, Bytes const& payload = {},
-                      uint32_t event = 0);
-
-// A component's answer as the server gets it.
-Bytes component_answer(uint16_t client, uint16_t port, uint16_t cmd, uint32_t invokeId,
-                       Bytes const& payload = {}, uint32_t error = 0);
 
 // A forwarded request taken apart.
 struct Forwarded {
@@ -49,7 +37,7 @@ public:
     // What registration says when no whole reply comes.
     static constexpr uint32_t kNoReply = 0xffffffff;
 
-    explicit FakeComponent(std::string name, std::string const& path = "/var/tmp/kyp/kypserver");
+    explicit FakeComponent(std::string name, std::string const& path = kServerPath);
 
     // 0 or a status.
     uint32_t enter();

@@ -11,6 +11,7 @@
 
 #include "kypcomm/KypStatus.h"
 #include "support/ChildProcess.h"
+#include "support/ComponentFrames.h"
 #include "support/Eventually.h"
 #include "support/KypClient.h"
 #include "support/RawPeer.h"
@@ -20,7 +21,6 @@ namespace {
 
 using testing::HasSubstr;
 
-constexpr char const* kPath = "/var/tmp/kyp/kypserver";
 constexpr uint16_t kPort = 600;
 constexpr uint16_t kLaterPort = 700;
 
@@ -102,7 +102,8 @@ TEST(RealComponentTest, ServesFiveHundredClientsAndTellsTheNext) {
     ComponentProcess component;
     std::vector<RawPeer> clients;
     for (size_t i = 0; i < kClients; ++i) {
-        clients.push_back(i % 2 == 0 ? RawPeer::connect_tcp(9999) : RawPeer::connect_unix(kPath));
+        clients.push_back(i % 2 == 0 ? RawPeer::connect_tcp(9999)
+                                     : RawPeer::connect_unix(kServerPath));
     }
 
     for (int round = 0; round < 3; ++round) {
@@ -138,9 +139,11 @@ TEST(RealComponentTest, IsBackAtOnceAfterItsDeath) {
         [&] { return ask(client, kPort) == static_cast<uint32_t>(KYP_ERR_COMPONENT_OFFLINE); }));
 }
 
-// Clients call while it registers again, port by port: no answer goes astray.
+// Clients call while it registers again, port by port: no answer goes astray, however slow the
+// machine is.
 TEST(RealComponentTest, ComesBackByItselfAfterARestartOfTheServer) {
-    auto server = std::make_unique<ServerProcess>();
+    std::vector<std::string> const options = {"--quiet-ms=1000"};
+    auto server = std::make_unique<ServerProcess>(options);
     ComponentProcess component;
     KypClient subscriber(KypClient::UNIX);
     libkyp_reconnect_delay_set(subscriber.handle(), 0);
@@ -164,7 +167,7 @@ TEST(RealComponentTest, ComesBackByItselfAfterARestartOfTheServer) {
 
     for (int restart = 0; restart < 2; ++restart) {
         server->kill();
-        server = std::make_unique<ServerProcess>();
+        server = std::make_unique<ServerProcess>(options);
         RawPeer client = RawPeer::connect_tcp(9999);
         for (uint16_t port : {600, 601, 602, 603, 604, 700}) {
             EXPECT_TRUE(

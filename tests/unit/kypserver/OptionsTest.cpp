@@ -81,6 +81,8 @@ TEST_F(OptionsTest, TakesEveryOption) {
                         "2gb",
                         "--max-transfers",
                         "5",
+                        "--quiet-ms",
+                        "0",
                         "--allow-set-id",
                         "-vv"})
                      .has_value());
@@ -103,6 +105,7 @@ TEST_F(OptionsTest, TakesEveryOption) {
     EXPECT_EQ(3145728U, m_options.maxComponentBytes);
     EXPECT_EQ(2097152U, m_options.maxHeldBytes);
     EXPECT_EQ(3U, m_options.maxTopics);
+    EXPECT_EQ(0, m_options.quietMs);
     EXPECT_TRUE(m_options.allowSetId);
     EXPECT_EQ(2, m_options.verbose);
 }
@@ -134,6 +137,7 @@ TEST_F(OptionsTest, NamesTheOptionThatIsWrong) {
                                                         {"--max-clients", "0"},
                                                         {"--max-waiting-bytes", "-1"},
                                                         {"--max-component-bytes", "-1"},
+                                                        {"--quiet-ms", "-1"},
                                                         {"--max-held-bytes", "-1"},
                                                         {"--max-held-bytes", "12x"},
                                                         {"--domain-path", longPath.c_str()},

@@ -65,7 +65,8 @@ protected:
     CCounters m_counters;
     CSwitchboard m_switchboard{m_connections, m_ledger, m_held, m_counters};
     CErrands m_errands;
-    CRegistrationService m_service{m_connections, m_switchboard, m_ledger, m_errands};
+    CRegistrationService m_service{m_connections, m_switchboard, m_ledger, m_errands,
+                                   std::chrono::milliseconds(500)};
     TcpDomainserver m_server{"/tmp/server"};
     FakeSocketConn m_local;
     FakeSocketConn m_other;

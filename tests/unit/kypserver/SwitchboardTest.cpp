@@ -106,7 +106,7 @@ TEST_F(SwitchboardTest, NoPayloadIsMoved) {
 
     ASSERT_EQ(1U, m_motor.m_queued.size());
     EXPECT_EQ(at, m_motor.m_queued[0]->GetVaildData() + 42);
-    auto const answer = received(&m_motor, component_answer(1, 600, 9, 7, payload), head, aoe);
+    auto const answer = received(&m_motor, answer_frame(600, 9, 7, 1, payload), head, aoe);
     unsigned char* const answered = answer->GetVaildData() + 13;
 
     m_switchboard.handle(*answer, head, aoe);
@@ -118,10 +118,11 @@ TEST_F(SwitchboardTest, NoPayloadIsMoved) {
 TEST_F(SwitchboardTest, TheHeadsGoAsTheyCame) {
     receive(m_first, join({kyp_head(600, 21, 0), aoe_head(5, 7, 4711, 0), address_head(1, 2)}));
     EXPECT_EQ(hex(join({kyp_head(600, 34, 0), aoe_head(5, 7, 4711, 0), address_head(1, 2),
-                        forward_head(0, 1)})),
+                        bytes("00 00 00 00 00 01 00 00 00 00 00 00 00")})),
               hex(m_motor.last()));
 
-    receive(m_motor, join({kyp_head(601, 26, 3), aoe_head(0x101b, 8, 2, 1), answer_head(1, 8)}));
+    receive(m_motor, join({kyp_head(601, 26, 3), aoe_head(0x101b, 8, 2, 1),
+                           bytes("00 00 00 00 00 00 00 01 00 08 00 00 00")}));
     EXPECT_EQ(hex(join({kyp_head(601, 13, 3), aoe_head(0x101b, 8, 2, 1)})), hex(m_first.last()));
 }
 
@@ -130,10 +131,10 @@ TEST_F(SwitchboardTest, ClientsAreToldApartByTheirNumbers) {
     EXPECT_EQ(2, call(m_second, 600, 7));
     EXPECT_EQ(1, call(m_first, 700, 7));
 
-    receive(m_motor, component_answer(2, 600, 9, 7));
+    receive(m_motor, answer_frame(600, 9, 7, 2));
     EXPECT_EQ(1U, m_second.m_sent.size());
     EXPECT_THAT(m_first.m_sent, IsEmpty());
-    receive(m_motor, component_answer(1, 600, 9, 7));
+    receive(m_motor, answer_frame(600, 9, 7, 1));
     EXPECT_EQ(1U, m_first.m_sent.size());
 }
 
@@ -157,23 +158,23 @@ TEST_F(SwitchboardTest, TellsOfItsComponentsInTheOrderOfTheirNames) {
 
 TEST_F(SwitchboardTest, CountsTheAnswersThatNobodyWaitsFor) {
     call(m_first, 600, 7);
-    receive(m_motor, component_answer(9, 600, 9, 7));  // never called it
+    receive(m_motor, answer_frame(600, 9, 7, 9));  // never called it
     m_connections.end(&m_first);
-    receive(m_motor, component_answer(1, 600, 9, 7));  // has gone
+    receive(m_motor, answer_frame(600, 9, 7, 1));  // has gone
 
     EXPECT_EQ(2U, m_counters.snapshot().dropped[CCounters::DROP_REPLY]);
 }
 
 TEST_F(SwitchboardTest, OneComponentMayCallAnother) {
     EXPECT_EQ(1, call(m_motor, 700, 7));
-    receive(m_drive, component_answer(1, 700, 9, 7, text("CD")));
+    receive(m_drive, answer_frame(700, 9, 7, 1, text("CD")));
 
     EXPECT_EQ(hex(response_frame(700, 9, 7, text("CD"))), hex(m_motor.last()));
 }
 
 TEST_F(SwitchboardTest, AComponentMayCallItself) {
     EXPECT_EQ(1, call(m_motor, 600, 7));
-    receive(m_motor, component_answer(1, 600, 9, 7, text("CD")));
+    receive(m_motor, answer_frame(600, 9, 7, 1, text("CD")));
     EXPECT_EQ(hex(response_frame(600, 9, 7, text("CD"))), hex(m_motor.last()));
 
     call(m_motor, 600, 8);
@@ -224,7 +225,7 @@ TEST_F(SwitchboardTest, AnAnswerForAClientThatHasGoneIsDropped) {
     call(m_first, 600, 7);
     m_connections.end(&m_first);
 
-    EXPECT_EQ("", receive(m_motor, component_answer(1, 600, 9, 7)));
+    EXPECT_EQ("", receive(m_motor, answer_frame(600, 9, 7, 1)));
 
     EXPECT_THAT(m_first.m_sent, IsEmpty());
 }
@@ -232,7 +233,7 @@ TEST_F(SwitchboardTest, AnAnswerForAClientThatHasGoneIsDropped) {
 TEST_F(SwitchboardTest, AnAnswerOfAComponentThatWasNotAskedIsDroppedAndReported) {
     call(m_first, 600, 7);
 
-    EXPECT_THAT(receive(m_drive, component_answer(1, 600, 9, 7)),
+    EXPECT_THAT(receive(m_drive, answer_frame(600, 9, 7, 1)),
                 HasSubstr("an answer of component drive on port 600 is dropped: client 1 has never "
                           "called it"));
 
@@ -242,12 +243,12 @@ TEST_F(SwitchboardTest, AnAnswerOfAComponentThatWasNotAskedIsDroppedAndReported)
 TEST_F(SwitchboardTest, AnAnswerOnAReservedPortIsDroppedAndReported) {
     call(m_first, 600, 7);
 
-    EXPECT_THAT(receive(m_motor, component_answer(1, 500, 9, 7)),
+    EXPECT_THAT(receive(m_motor, answer_frame(500, 9, 7, 1)),
                 HasSubstr("an answer of component motor on port 500 is dropped: the port is "
                           "reserved"));
     EXPECT_THAT(m_first.m_sent, IsEmpty());
 
-    receive(m_motor, component_answer(1, 501, 9, 7));
+    receive(m_motor, answer_frame(501, 9, 7, 1));
     EXPECT_EQ(1U, m_first.m_sent.size());
 }
 
@@ -265,7 +266,7 @@ TEST_F(SwitchboardTest, AnAnswerTooShortForItsForwardHeadIsDroppedAndReported) {
 TEST_F(SwitchboardTest, WhoeverAnswersWithoutBeingAComponentLosesItsConnection) {
     call(m_first, 600, 7);
 
-    EXPECT_THAT(receive(m_second, component_answer(1, 600, 9, 7)),
+    EXPECT_THAT(receive(m_second, answer_frame(600, 9, 7, 1)),
                 HasSubstr("is closed: it answers on port 600 and is no component"));
 
     EXPECT_TRUE(m_second.m_far.expect_closed());
@@ -278,7 +279,7 @@ TEST_F(SwitchboardTest, AComponentHearsThatItsClientHasGone) {
 
     m_connections.end(&m_first);
 
-    EXPECT_EQ(hex(forwarded_frame(1, 600, 8, 0, 0, 0, {}, 1)), hex(m_motor.last()));
+    EXPECT_EQ(hex(forward_frame(600, 8, 0, 1, {}, 1)), hex(m_motor.last()));
     EXPECT_THAT(m_drive.m_sent, IsEmpty());
 }
 
@@ -286,7 +287,7 @@ TEST_F(SwitchboardTest, WhatWaitsForAComponentThatEndsIsRefused) {
     call(m_first, 600, 7);
     call(m_first, 600, 8);
     receive(m_first, request_frame(600, 8, 9, 0, 0));  // not awaited
-    receive(m_motor, component_answer(1, 600, 9, 7));
+    receive(m_motor, answer_frame(600, 9, 7, 1));
     m_first.last();
 
     m_connections.end(&m_motor);
@@ -343,7 +344,7 @@ TEST_F(SwitchboardTest, ARequestIsHeldUntilItIsPassedOnAndItsAnswerUntilItHasLef
     for (size_t i = 0; i < m_first.m_sent.size(); ++i) m_held.left(&m_first, 600, 21);
     ASSERT_EQ(0U, m_held.held(&m_first));
 
-    receive(m_motor, component_answer(1, 600, 9, 7, text("CD")));
+    receive(m_motor, answer_frame(600, 9, 7, 1, text("CD")));
 
     EXPECT_EQ(23 + kEach, m_held.held(&m_first));
     EXPECT_EQ(0U, m_held.held(&m_motor));
@@ -353,10 +354,10 @@ TEST_F(SwitchboardTest, ARequestIsHeldUntilItIsPassedOnAndItsAnswerUntilItHasLef
 
 TEST_F(SwitchboardTest, AClientThatTakesNoAnswersLosesItsConnection) {
     call(m_first, 600, 7);
-    for (int i = 0; i < 9; ++i) receive(m_motor, component_answer(1, 600, 9, 7, Bytes(10000)));
+    for (int i = 0; i < 9; ++i) receive(m_motor, answer_frame(600, 9, 7, 1, Bytes(10000)));
     ASSERT_EQ(9U, m_first.m_sent.size());
 
-    EXPECT_THAT(receive(m_motor, component_answer(1, 600, 9, 7, Bytes(10000))),
+    EXPECT_THAT(receive(m_motor, answer_frame(600, 9, 7, 1, Bytes(10000))),
                 HasSubstr("as many answers unread as may be (--max-held-bytes)"));
 
     EXPECT_EQ(9U, m_first.m_sent.size());
@@ -370,7 +371,7 @@ TEST_F(SwitchboardTest, AllSendersOfDatagramsAreOneClientThatNeverGoes) {
     receive(udp, request_frame(600, 9, 8, 0, 0), MSG_TYPE_DATAGRAM);
     EXPECT_EQ(1, take_forwarded_apart(m_motor.last()).client);
 
-    receive(m_motor, component_answer(1, 600, 9, 8, text("CD")));
+    receive(m_motor, answer_frame(600, 9, 8, 1, text("CD")));
 
     EXPECT_EQ(hex(response_frame(600, 9, 8, text("CD"))), hex(udp.last()));
 }
