@@ -7,7 +7,8 @@
 // Owns:     nothing but the table; callbacks and contexts are the caller's.
 // Threads:  dispatch runs on all workers at once, without a lock, so routes are thread-safe.
 //           Registration takes none either: fill the table before traffic starts, or change single
-//           entries at a quiet moment.
+//           entries at a quiet moment. A svr route that is entered for the first time while
+//           requests for its port come over shared memory is called whole or not at all.
 // Lifetime: one per process, to its end.
 #ifndef KYP_KYPCORE_ROUTER_ROUTEMANAGE_H
 #define KYP_KYPCORE_ROUTER_ROUTEMANAGE_H

@@ -65,12 +65,21 @@ _msg_request make_request(_KypHeader const& header, _AoEHeader const& aoe,
     return result;
 }
 
+// The callback is the last field that registration sets and the first that dispatch reads: a port
+// that is entered for the first time during traffic is seen whole or not at all.
+using AnyRoute = void (*)();
+
+AnyRoute callback_of(PortRegister const& entry) {
+    return __atomic_load_n(&entry.m_callback, __ATOMIC_ACQUIRE);
+}
+
 void call_svr_route(PortRegister const& entry, unsigned char const* data, int size,
                     _msg_request const& request) {
-    if (entry.m_callback == nullptr) return;
-    reinterpret_cast<KypSvrRoute>(entry.m_callback)(
-        entry.m_port, reinterpret_cast<char const*>(data),
-        static_cast<unsigned int>(std::max(size, 0)), request, entry.m_ctx);
+    AnyRoute const callback = callback_of(entry);
+    if (callback == nullptr) return;
+    reinterpret_cast<KypSvrRoute>(callback)(entry.m_port, reinterpret_cast<char const*>(data),
+                                            static_cast<unsigned int>(std::max(size, 0)), request,
+                                            entry.m_ctx);
 }
 
 int add_route(RouteManage& routes, unsigned short port, uint8_t type, void (*callback)(),
@@ -87,9 +96,9 @@ int add_route(RouteManage& routes, unsigned short port, uint8_t type, void (*cal
     }
     entry.m_bUsed = 1;
     entry.m_port = port;
-    entry.m_callback = callback;
     entry.m_ctx = ctx;
     entry.m_type = type;
+    __atomic_store_n(&entry.m_callback, callback, __ATOMIC_RELEASE);
     return 0;
 }
 
@@ -145,13 +154,14 @@ int RouteManage::dataCallback(CMsgHeader* msg, _KypHeader& header, _AoEHeader& a
             static_cast<int>(utils_ntohs(aoe.cmd)), static_cast<int>(aoe.state));
     // Kept: the state is not asked, so a response reaches the route like a request.
     PortRegister& entry = m_ports[header.port];
+    AnyRoute const callback = callback_of(entry);
     if (entry.m_type == kSvrRoute) {
         AoERequestHeader request = {};
         take_head(msg, request);
         return cbNotifyRequest(msg, header, aoe, request, entry);
     }
-    if (entry.m_callback != nullptr) {
-        reinterpret_cast<KypCmpRoute>(entry.m_callback)(msg, header, aoe, entry.m_ctx);
+    if (callback != nullptr) {
+        reinterpret_cast<KypCmpRoute>(callback)(msg, header, aoe, entry.m_ctx);
     }
     return 0;
 }

@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <condition_variable>
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -304,6 +304,32 @@ TEST_F(IvshmSvrGroupTest, CallsRoutesOnItsOwnThread) {
     ASSERT_THAT(calls(), SizeIs(2));
     EXPECT_EQ(m_group->m_thread.get_id(), calls()[0].thread);
     EXPECT_EQ(m_group->m_thread.get_id(), calls()[1].thread);
+}
+
+TEST_F(IvshmSvrGroupTest, CallsARouteThatIsEnteredDuringTrafficWholeOrNotAtAll) {
+    serve();
+    std::atomic<bool> done{false};
+    std::thread flood([&] {
+        while (!done) {
+            for (uint16_t port = 700; port < 720; ++port) {
+                m_topics.put(kRead, shm_message(1, 1, request(1, "", port)));
+            }
+            m_topics.wait_consumed(kRead);
+        }
+    });
+
+    for (uint16_t port = 700; port < 720; ++port) {
+        utility::instance<RouteManage>().addSvrPortRoute(port, on_request, this);
+    }
+    EXPECT_TRUE(eventually([this] {
+        auto const all = calls();
+        return !all.empty() && all.back().port == 719;
+    }));
+    done = true;
+    flood.join();
+    for (uint16_t port = 700; port < 720; ++port) {
+        utility::instance<RouteManage>().delPortRoute(port);
+    }
 }
 
 TEST_F(IvshmSvrGroupTest, HasOneConnectionForEachClient) {
