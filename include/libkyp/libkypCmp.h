@@ -34,6 +34,12 @@
  *          waits for them. A callback calls none of the three above. A component that finds its
  *          link lost tries to connect again, no more often than every three seconds, and then
  *          registers its name, ports and topics anew.
+ * Shared memory  A component with ivshm_enable=true in its settings also serves the requests of
+ *          another virtual machine, from libkypcmp_register on, each port as soon as it is added;
+ *          a request that comes before is lost. Its routes are then called on the thread of that
+ *          channel too, beside the receive thread; the client callbacks are not, such clients come
+ *          and go unseen. Without the transport the component works as if it were not enabled, and
+ *          the log tells.
  * C++      Exceptions pass as they stand: std::bad_alloc, std::system_error when a lock or a
  *          thread cannot be had, and what a single call names. Callbacks throw none.
  */
