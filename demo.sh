@@ -15,10 +15,12 @@ build=build/release
 mkdir -p build
 echo "Building an optimised libkyp.so (first time: a minute or two) ..."
 if ! { cmake --preset release && cmake --build --preset release \
-        --target kyp_demo kypserver kyp_tool example_component kyp_sandbox; } >build/demo.log 2>&1; then
+        --target kyp_demo kypserver kyp_tool example_component ivshm_standin kyp_ivshm_peer \
+        kyp_sandbox; } >build/demo.log 2>&1; then
     tail -n 20 build/demo.log
     echo "The build failed; the whole of it is in build/demo.log." >&2
     exit 1
 fi
 echo
+export KYP_SANDBOX_IVSHM=$PWD/$build/lib/libivshmAPI-standin.so
 exec "$build/bin/kyp_sandbox" "$PWD/$build/bin/kyp_demo" "$PWD/$build/bin" "$@"

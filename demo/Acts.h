@@ -10,10 +10,12 @@ struct Cast {
     std::string kypserver;
     std::string component;  // examples/component.c
     std::string kyp;        // the command-line tool
+    std::string peer;       // plays another virtual machine
 };
 
 void show_main_road(Cast const& cast);
 void show_components(Cast const& cast);
 void show_two_hosts(Cast const& cast);
+void show_shared_memory(Cast const& cast);
 
 #endif

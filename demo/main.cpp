@@ -17,12 +17,15 @@ int main(int argc, char** argv) {
     if (!open_story(verbose)) return 1;
 
     std::string const folder = argv[1];
-    Cast const cast = {folder + "/kypserver", folder + "/example_component", folder + "/kyp"};
+    Cast const cast = {folder + "/kypserver", folder + "/example_component", folder + "/kyp",
+                       folder + "/kyp_ivshm_peer"};
     say("First act: clients and a server\n\n");
     show_main_road(cast);
     say("\n\nSecond act: a component\n\n");
     show_components(cast);
     say("\n\nThird act: two hosts\n\n");
     show_two_hosts(cast);
+    say("\n\nFourth act: another virtual machine\n\n");
+    show_shared_memory(cast);
     return 0;
 }
