@@ -16,6 +16,8 @@ namespace {
 
 constexpr uint16_t kStatePort = 104;
 constexpr int kDeepest = 8;  // what a peer nests deeper is shown as it came
+// Reading does not recurse, writing does: the stack is not a peer's to fill.
+constexpr int kDeepestTaken = 1000;
 
 // From the upper left corner, with what stood there before wiped out.
 constexpr char const* kHome = "\x1b[H\x1b[2J\x1b[3J";
@@ -80,16 +82,25 @@ std::string object_text(std::string const& title, Json const& object, int depth)
     return head + table_text({}, lines) + below;
 }
 
+Json read_state(std::string const& text) {
+    bool isTooDeep = false;
+    auto const look = [&isTooDeep](int depth, Json::parse_event_t, Json const&) {
+        isTooDeep = isTooDeep || depth > kDeepestTaken;
+        return !isTooDeep;
+    };
+    Json state = Json::parse(text, look, false);
+    if (isTooDeep) throw Failure(EXIT_REFUSED, "the answer is nested too deeply");
+    if (!state.is_object()) {
+        throw Failure(EXIT_REFUSED,
+                      "the answer is no JSON object: " + printable(text.substr(0, 80)));
+    }
+    return state;
+}
+
 }  // namespace
 
 std::string state_text(std::string const& json) {
-    // The parser does not recurse; what is shown of deep nesting is bounded below.
-    Json const state = Json::parse(json, nullptr, false);
-    if (!state.is_object()) {
-        throw Failure(EXIT_REFUSED,
-                      "the answer is no JSON object: " + printable(json.substr(0, 80)));
-    }
-    return object_text("", state, 0);
+    return object_text("", read_state(json), 0);
 }
 
 CLI::App* CStatCommand::enter(CLI::App& app, Settings& settings) {
@@ -132,10 +143,12 @@ std::string CStatCommand::ask(Settings const& settings, CDevice& device) const {
 }
 
 void CStatCommand::show(Settings const& settings, CScreen& screen, std::string const& state) {
-    std::string text = state_text(state);
     if (settings.json) {
-        text = Json::parse(state).dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
-    } else if (m_watch && screen.is_terminal()) {
+        screen.print_json(read_state(state));
+        return;
+    }
+    std::string text = state_text(state);
+    if (m_watch && screen.is_terminal()) {
         text = kHome + text;
     } else if (!m_isFirst) {
         text = "\n" + text;

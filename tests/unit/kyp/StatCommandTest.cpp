@@ -59,6 +59,10 @@ TEST(StateTextTest, SurvivesDeepNesting) {
     for (int i = 0; i < 1000; ++i) objects += "{\"a\":";
     objects += "1" + std::string(1000, '}');
     EXPECT_THAT(state_text(objects), HasSubstr("a a a"));
+
+    int const most = 2000000;
+    EXPECT_THROW(state_text("{\"a\":" + std::string(most, '[') + std::string(most, ']') + "}"),
+                 Failure);
 }
 
 }  // namespace
