@@ -19,11 +19,12 @@
 #include <mutex>
 #include <thread>
 
-#include "Contestant.h"
-#include "Sockets.h"
+#include "common/Sockets.h"
+#include "roundtrip/Contestant.h"
 
 namespace {
 
+constexpr Endpoint kBareEndpoint = {9902, "/var/tmp/kyp/bare"};
 constexpr std::size_t kHead = 8;
 constexpr std::size_t kLoops = 2;
 constexpr int kWorkers = 4;

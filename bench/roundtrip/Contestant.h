@@ -9,19 +9,9 @@
 
 #include <memory>
 #include <string>
-#include <vector>
 
-enum class Transport { Tcp, Domain };
-
-// One connection with one exchange at a time.
-class Link {
-public:
-    virtual ~Link() = default;
-
-    // Sends `payload`, waits for the answer of the same size. Ends the program on a failure: a
-    // benchmark that lost an answer has nothing to report.
-    virtual void exchange(std::vector<char> const& payload) = 0;
-};
+#include "common/Link.h"
+#include "common/Sockets.h"
 
 class Contestant {
 public:

@@ -5,10 +5,12 @@
 #include <cstdint>
 #include <thread>
 
-#include "Contestant.h"
-#include "Sockets.h"
+#include "common/Sockets.h"
+#include "roundtrip/Contestant.h"
 
 namespace {
+
+constexpr Endpoint kPingPongEndpoint = {9901, "/var/tmp/kyp/pingpong"};
 
 // Length-prefixed echo: the same bytes on the wire as a small frame head and its body would be.
 void echo(int fd) {

@@ -1,32 +1,24 @@
 // Measures one exchange over TCP and over a Unix-domain stream: the library against the plain
 // ping-pong and against a bare program of the same calls, all in one run, turn and turn about.
 // Run it through run.sh, which builds optimised and gives it private namespaces.
-#include <sched.h>
-#include <sys/mman.h>
-#include <sys/utsname.h>
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <thread>
 
-#include "Contestant.h"
-#include "Counters.h"
-#include "Samples.h"
-#include "Sockets.h"
+#include "common/Counting.h"
+#include "common/Exchanges.h"
+#include "common/Machine.h"
+#include "roundtrip/Contestant.h"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 constexpr int kRounds = 20;
 constexpr int kThroughputRounds = 5;
 
-FILE* g_out;  // the real standard output; the library's log has the other one
+FILE* g_out;  // where the tables go
 
 struct Options {
     int exchanges = 20000;  // for each cell and contestant
@@ -39,33 +31,6 @@ struct Options {
 
 using Contestants = std::vector<std::unique_ptr<Contestant>>;
 
-char const* name_of(Transport transport) {
-    return transport == Transport::Tcp ? "tcp" : "domain";
-}
-
-std::string cpu_model() {
-    std::ifstream info("/proc/cpuinfo");
-    for (std::string line; std::getline(info, line);) {
-        if (line.rfind("model name", 0) == 0) return line.substr(line.find(':') + 2);
-    }
-    return "unknown processor";
-}
-
-void print_machine() {
-    utsname kernel;
-    uname(&kernel);
-    fprintf(g_out, "%s, %u processors, Linux %s\n", cpu_model().c_str(),
-            std::thread::hardware_concurrency(), kernel.release);
-}
-
-// Children inherit it, so it is set before the servers start.
-void use_processors(int count) {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    for (int i = 0; i < count; ++i) CPU_SET(i, &set);
-    if (sched_setaffinity(0, sizeof set, &set) != 0) fail("sched_setaffinity");
-}
-
 Contestants start_all(Options const& options) {
     Contestants all;
     all.push_back(make_ping_pong());
@@ -73,14 +38,6 @@ Contestants start_all(Options const& options) {
     all.push_back(make_library(options.server));
     for (auto& contestant : all) contestant->start();
     return all;
-}
-
-void time_exchanges(Link& link, std::vector<char> const& payload, int count, Samples& samples) {
-    for (int i = 0; i < count; ++i) {
-        auto const begin = Clock::now();
-        link.exchange(payload);
-        samples.add((Clock::now() - begin).count());
-    }
 }
 
 // Times that any thread of `process` has left its processor, of its own will or not.
@@ -103,7 +60,7 @@ long thread_switches(Contestant const& contestant) {
 void measure_round_trips(Contestants& all, Transport transport, int exchanges) {
     for (std::size_t size : {32u, 1024u, 8192u}) {
         std::vector<char> const payload(size, 'k');
-        std::vector<std::unique_ptr<Link>> links;
+        Links links;
         std::vector<Samples> samples(all.size());
         std::vector<long> switches(all.size());
         for (auto& contestant : all) links.push_back(contestant->connect(transport));
@@ -131,41 +88,20 @@ void measure_round_trips(Contestants& all, Transport transport, int exchanges) {
     }
 }
 
-// Requests per second of `links`, each with a thread of its own.
-double throughput(std::vector<std::unique_ptr<Link>>& links, int exchanges) {
-    std::vector<char> const payload(32, 'k');
-    int const each = exchanges / static_cast<int>(links.size());
-    std::vector<std::thread> threads;
-    threads.reserve(links.size());
-    auto const begin = Clock::now();
-    for (auto& link : links) {
-        threads.emplace_back([&payload, each, &link] {
-            for (int i = 0; i < each; ++i) link->exchange(payload);
-        });
-    }
-    for (auto& thread : threads) thread.join();
-    std::chrono::duration<double> const seconds = Clock::now() - begin;
-    return each * static_cast<double>(links.size()) / seconds.count();
-}
-
-double median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
 void measure_throughput(Contestants& all, Transport transport, int exchanges) {
+    std::vector<char> const payload(32, 'k');
     for (std::size_t connections : {1u, 8u, 64u}) {
-        std::vector<std::vector<std::unique_ptr<Link>>> links(all.size());
+        std::vector<Links> links(all.size());
         std::vector<std::vector<double>> rates(all.size());
         for (std::size_t i = 0; i < all.size(); ++i) {
             for (std::size_t c = 0; c < connections; ++c) {
                 links[i].push_back(all[i]->connect(transport));
             }
-            throughput(links[i], exchanges / kThroughputRounds);
+            throughput(links[i], payload, exchanges / kThroughputRounds);
         }
         for (int round = 0; round < kThroughputRounds; ++round) {
             for (std::size_t i = 0; i < all.size(); ++i) {
-                rates[i].push_back(throughput(links[i], exchanges / kThroughputRounds));
+                rates[i].push_back(throughput(links[i], payload, exchanges / kThroughputRounds));
             }
         }
         for (std::size_t i = 0; i < all.size(); ++i) {
@@ -209,39 +145,29 @@ int run_alone(Options const& options) {
 // The body of a counting run: this process has the counting library in front of the C library.
 void count_exchanges(Options const& options) {
     Transport const transport = options.only == "tcp" ? Transport::Tcp : Transport::Domain;
-    auto* const counters =
-        static_cast<Counters*>(mmap(nullptr, sizeof(Counters), PROT_READ | PROT_WRITE, MAP_SHARED,
-                                    atoi(getenv(kCountersVariable)), 0));
+    Counting const counting;
     auto const library = make_library(options.server);
     library->start();
     auto const link = library->connect(transport);
     for (std::size_t size : {32u, 1024u, 8192u}) {
         std::vector<char> const payload(size, 'k');
         for (int i = 0; i < 2000; ++i) link->exchange(payload);
-        uint64_t const allocations = counters->allocations;
-        uint64_t const calls = counters->inputOutput;
+        Counting::Reading const before = counting.read_all();
         for (int i = 0; i < 2000; ++i) link->exchange(payload);
+        Counting::Reading const after = counting.read_all();
         fprintf(g_out, "  %-7s %5zu B %26.2f %26.2f\n", options.only.c_str(), size,
-                static_cast<double>(counters->allocations - allocations) / 2000,
-                static_cast<double>(counters->inputOutput - calls) / 2000);
+                static_cast<double>(after.allocations - before.allocations) / 2000,
+                static_cast<double>(after.inputOutput - before.inputOutput) / 2000);
     }
     fflush(g_out);
 }
 
 void start_counting(Options const& options) {
     fprintf(g_out, "\none exchange, both processes   heap allocations   input and output calls\n");
-    fflush(g_out);
     for (char const* transport : {"tcp", "domain"}) {
-        int const page = memfd_create("counters", 0);
-        if (page < 0 || ftruncate(page, sizeof(Counters)) != 0) fail("memfd_create");
-        setenv(kCountersVariable, std::to_string(page).c_str(), 1);
-        setenv("LD_PRELOAD", options.counting.c_str(), 1);
-        // The child's library log goes where this process's goes; its table goes to g_out.
-        std::string const out = std::to_string(fileno(g_out));
-        wait_for(spawn({"/proc/self/exe", "--server", options.server, "--count-over", transport,
-                        "--out", out}));
-        unsetenv("LD_PRELOAD");
-        close(page);
+        run_counted(options.counting,
+                    {"/proc/self/exe", "--server", options.server, "--count-over", transport},
+                    g_out);
     }
 }
 
@@ -264,14 +190,13 @@ int run(int argc, char** argv) {
     if (options.serve == "ping-pong") return serve_ping_pong();
     if (options.serve == "bare") return serve_bare();
 
-    g_out = fdopen(out >= 0 ? out : dup(STDOUT_FILENO), "w");
-    if (freopen("/dev/null", "w", stdout) == nullptr) fail("/dev/null");
+    g_out = take_output(out);
     if (!options.profile.empty()) return run_alone(options);
     if (!options.only.empty()) {
         count_exchanges(options);
         return 0;
     }
-    print_machine();
+    print_machine(g_out);
     measure(options, 1);
     if (std::thread::hardware_concurrency() > 1) measure(options, 2);
     if (!options.counting.empty()) start_counting(options);

@@ -1,11 +1,3 @@
 #!/usr/bin/env bash
 # Builds optimised and measures in private namespaces. Options go to the benchmark: --help.
-set -euo pipefail
-cd "$(dirname "$0")/../.."
-
-./tools/install-needs.sh
-cmake --preset release >/dev/null
-cmake --build --preset release --target kyp_bench_roundtrip kyp_bench_counting kypserver kyp_sandbox >/dev/null
-build=$PWD/build/release
-exec "$build/bin/kyp_sandbox" "$build/bin/kyp_bench_roundtrip" --server "$build/bin/kypserver" \
-    --counting "$build/lib/libkyp_bench_counting.so" "$@"
+exec "$(dirname "$0")/../common/run.sh" kyp_bench_roundtrip "$@"

@@ -1,4 +1,4 @@
-#include "Sockets.h"
+#include "common/Sockets.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -33,6 +33,10 @@ sockaddr_un local(char const* path) {
 }
 
 }  // namespace
+
+char const* name_of(Transport transport) {
+    return transport == Transport::Tcp ? "tcp" : "domain";
+}
 
 void fail(char const* what) {
     fprintf(stderr, "bench: %s: %s\n", what, strerror(errno));

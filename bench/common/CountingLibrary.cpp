@@ -8,7 +8,7 @@
 
 #include <cstdlib>
 
-#include "Counters.h"
+#include "common/Counters.h"
 
 extern "C" {
 void* __libc_malloc(size_t);
@@ -24,8 +24,11 @@ __attribute__((constructor)) void attach() {
     char const* const number = getenv(kCountersVariable);
     if (number == nullptr) return;
     void* const page =
-        mmap(nullptr, sizeof(Counters), PROT_READ | PROT_WRITE, MAP_SHARED, atoi(number), 0);
-    if (page != MAP_FAILED) g_counters = static_cast<Counters*>(page);
+        mmap(nullptr, sizeof(CountersPage), PROT_READ | PROT_WRITE, MAP_SHARED, atoi(number), 0);
+    if (page == MAP_FAILED) return;
+    char const* const place = getenv(kPlaceVariable);
+    auto const index = static_cast<std::size_t>(place != nullptr ? atoi(place) : 0);
+    if (index < kCountedProcesses) g_counters = &(*static_cast<CountersPage*>(page))[index];
 }
 
 void count(std::atomic<uint64_t> Counters::*counter) {

@@ -1,6 +1,6 @@
 // Round-trip times of one cell of the table: collected in rounds, reported as percentiles.
-#ifndef KYP_BENCH_ROUNDTRIP_SAMPLES_H
-#define KYP_BENCH_ROUNDTRIP_SAMPLES_H
+#ifndef KYP_BENCH_COMMON_SAMPLES_H
+#define KYP_BENCH_COMMON_SAMPLES_H
 
 #include <algorithm>
 #include <cstdint>

@@ -1,6 +1,6 @@
 // Plain sockets as the library sets them up, and whole reads and writes over them.
-#ifndef KYP_BENCH_ROUNDTRIP_SOCKETS_H
-#define KYP_BENCH_ROUNDTRIP_SOCKETS_H
+#ifndef KYP_BENCH_COMMON_SOCKETS_H
+#define KYP_BENCH_COMMON_SOCKETS_H
 
 #include <sys/types.h>
 
@@ -8,15 +8,15 @@
 #include <string>
 #include <vector>
 
-#include "Contestant.h"
+enum class Transport { Tcp, Domain };
 
-// Where the plain servers listen; `base` tells the contestants apart.
+char const* name_of(Transport transport);
+
+// Where a plain server listens.
 struct Endpoint {
     unsigned short tcpPort;
     char const* domainPath;
 };
-constexpr Endpoint kPingPongEndpoint = {9901, "/var/tmp/kyp/pingpong"};
-constexpr Endpoint kBareEndpoint = {9902, "/var/tmp/kyp/bare"};
 
 // Listening descriptors. End the program with the reason when they cannot be had.
 int listen_tcp(unsigned short port);
