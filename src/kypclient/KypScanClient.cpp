@@ -54,7 +54,7 @@ bool is_selectable(int fd) {
 
 class ReadSet {
 public:
-    ReadSet() : m_highest(-1) { FD_ZERO(&m_set); }
+    ReadSet() : m_highest(0) { FD_ZERO(&m_set); }
 
     void add(int fd) {
         if (!is_selectable(fd)) return;
@@ -72,7 +72,7 @@ public:
 
 private:
     fd_set m_set;
-    int m_highest;
+    int m_highest;  // 0 in an empty set: select() is asked for one descriptor all the same
 };
 
 void warn_of_deaf_socket(CScanAdapter& adapter, int fd) {
@@ -206,6 +206,8 @@ CKypScanClient::CKypScanClient()
     : m_stop(false), m_scanning(false), m_userData(nullptr), m_callback(nullptr) {}
 
 CKypScanClient::~CKypScanClient() {
+    // The thread would go on with adapters that are gone.
+    if (m_thread.joinable()) std::terminate();
     for (CScanAdapter* adapter : m_adapters) delete adapter;
 }
 

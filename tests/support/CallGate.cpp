@@ -26,6 +26,7 @@ std::atomic<bool> isOpen{false};  // a gate stands; the rest is looked at only t
 std::mutex mutex;
 std::vector<Rule> rules;          // guarded by mutex
 std::vector<std::string> record;  // guarded by mutex
+std::atomic<int> selectWidth{-1};
 
 bool begins_with(std::string const& text, std::string const& start) {
     return text.compare(0, start.size(), start) == 0;
@@ -61,6 +62,7 @@ CallGate::CallGate() {
     std::lock_guard<std::mutex> lock(mutex);
     rules.clear();
     record.clear();
+    selectWidth.store(-1);
     isOpen.store(true);
 }
 
@@ -83,6 +85,10 @@ std::vector<std::string> CallGate::calls(std::string const& call) const {
 
 int CallGate::count(std::string const& call) const {
     return static_cast<int>(calls(call).size());
+}
+
+int CallGate::select_width() const {
+    return selectWidth.load();
 }
 
 // ---- the calls, found here by the program and by every library before the C library's own
@@ -169,6 +175,7 @@ int setsockopt(int fd, int level, int option, void const* value, socklen_t size)
 
 int select(int count, fd_set* reads, fd_set* writes, fd_set* others, timeval* wait) {
     KYP_REAL(select);
+    selectWidth.store(count);
     int result;
     if (is_stopped(&result, "select(%lld,%lld)", wait != nullptr ? wait->tv_sec : -1,
                    wait != nullptr ? wait->tv_usec : -1)) {

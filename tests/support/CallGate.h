@@ -32,6 +32,9 @@ public:
     std::vector<std::string> calls(std::string const& call = "") const;
 
     int count(std::string const& call) const;
+
+    // What the latest select() gave for its descriptors, the highest and one; -1 before the first.
+    int select_width() const;
 };
 
 #endif

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
@@ -40,8 +41,7 @@ constexpr char const* kJson =
 // Passes of the loop, 300 ms each with the gate shut, that make sure that something stays away.
 constexpr int kSomePasses = 4;
 
-// ---- the thread
-// ----------------------------------------------------------------------------------
+// ---- the thread --------------------------------------------------------------------------------
 
 class KypScanClientThreadTest : public ::testing::Test {
 protected:
@@ -91,6 +91,15 @@ TEST_F(KypScanClientThreadTest, StopWithoutAThreadSaysNothing) {
     EXPECT_EQ("", log.text());
 }
 
+TEST_F(KypScanClientThreadTest, EndOfTheObjectBeforeItsThreadEndsTheProcess) {
+    auto const drop_running = [] {
+        CKypScanClient client;
+        client.start();
+    };
+
+    EXPECT_EXIT(drop_running(), ::testing::KilledBySignal(SIGABRT), "");
+}
+
 TEST_F(KypScanClientThreadTest, StartsAgainAfterAStop) {
     LogCapture log;
     CallGate gate;
@@ -129,8 +138,7 @@ TEST_F(KypScanClientThreadTest, WithoutAnInterfaceTheLoopRests) {
     EXPECT_EQ(0, gate.count("sendto"));
 }
 
-// ---- rounds, against a device
-// --------------------------------------------------------------------
+// ---- rounds, against a device ------------------------------------------------------------------
 
 class KypScanClientRoundsTest : public KypScanClientThreadTest {
 protected:
@@ -236,7 +244,8 @@ TEST_F(KypScanClientRoundsTest, RoundsAreASecondApartAlsoWhileRepliesCome) {
         }
     });
 
-    for (int i = 0; i < 4; ++i) {
+    int requests = 0;
+    for (; requests < 4; ++requests) {
         ScanRequest const request = m_device.receive();
         if (request.road == ScanRequest::NONE) break;
         ScanRequest& last = previous[request.road == ScanRequest::BROADCAST];
@@ -246,6 +255,7 @@ TEST_F(KypScanClientRoundsTest, RoundsAreASecondApartAlsoWhileRepliesCome) {
     isOver = true;
     chatter.join();
 
+    EXPECT_EQ(4, requests);
     EXPECT_LT(10u, devices().size());
 }
 
@@ -319,6 +329,24 @@ TEST_F(KypScanClientRoundsTest, KeepsReportingWhatCameWhileTheGateWasShut) {
     EXPECT_TRUE(wait_for_devices(1));
 }
 
+TEST_F(KypScanClientRoundsTest, MulticastSocketIsReadBeforeTheBroadcastSocket) {
+    start();
+    ScanRequest const multicast = m_device.receive_by(ScanRequest::MULTICAST);
+    ScanRequest const broadcast = m_device.receive_by(ScanRequest::BROADCAST);
+    m_client.stopScan();
+    CallGate gate;
+    ASSERT_TRUE(eventually([&] { return gate.count("nanosleep(0,300000000)") >= 1; }));
+
+    // Both wait when the gate opens, the later one on the socket that is read first.
+    m_device.answer(broadcast, scan_reply(3, R"({"device":{"sn":"broadcast"}})"));
+    m_device.answer(multicast, scan_reply(1, R"({"device":{"sn":"multicast"}})"));
+    m_client.startScan();
+
+    ASSERT_TRUE(wait_for_devices(2));
+    EXPECT_STREQ("multicast", devices()[0].sn);
+    EXPECT_STREQ("broadcast", devices()[1].sn);
+}
+
 TEST_F(KypScanClientRoundsTest, InterfaceWithANewAddressIsAskedFromThere) {
     start();
     ASSERT_EQ("10.77.0.1", m_device.receive_by(ScanRequest::BROADCAST).host);
@@ -371,6 +399,21 @@ TEST_F(KypScanClientRoundsTest, WithoutAnySocketTheLoopGoesOn) {
 
     let_pass(gate);
 
+    EXPECT_EQ(0, gate.count("sendto"));
+    EXPECT_LE(1, gate.count("select(0,500000)"));
+    EXPECT_EQ(1, gate.select_width());
+}
+
+TEST_F(KypScanClientRoundsTest, WithoutAnAddressTheLoopWaitsForOneDescriptor) {
+    ASSERT_EQ(0, system("ip addr flush dev kyp0"));
+    CallGate gate;
+    start();
+
+    let_pass(gate);
+
+    EXPECT_LE(1, gate.count("select(0,500000)"));
+    EXPECT_EQ(1, gate.select_width());
+    EXPECT_EQ(0, gate.count("bind"));
     EXPECT_EQ(0, gate.count("sendto"));
 }
 

@@ -339,8 +339,7 @@ TEST_F(KypScanClientTest, DeepNestingHurtsNobody) {
     EXPECT_STREQ("", device_of(R"({"frames":)" + nest + "}").macAddr);
 }
 
-// ---- who is told
-// ---------------------------------------------------------------------------------
+// ---- who is told -------------------------------------------------------------------------------
 
 TEST_F(KypScanClientTest, ConnectionsToAFoundIdGoToItsAddress) {
     EXPECT_EQ(0, notify(R"({"device":{"kypDeviceId":"1.2.3.4.5.6"}})"));
@@ -434,8 +433,7 @@ TEST_F(KypScanClientTest, CallbackIsNeverCalledWithAnothersArgument) {
     EXPECT_EQ(0, g_strangers);
 }
 
-// ---- heads
-// ---------------------------------------------------------------------------------------
+// ---- heads -------------------------------------------------------------------------------------
 
 TEST_F(KypScanClientTest, RequestIsCommandZeroStatusAndTheTime) {
     for (int const command : {0, 2, 255}) {
@@ -516,8 +514,7 @@ TEST_F(KypScanClientTest, LessThanAHeadIsNoReply) {
     EXPECT_EQ("", log.text());
 }
 
-// ---- reading a datagram
-// --------------------------------------------------------------------------
+// ---- reading a datagram ------------------------------------------------------------------------
 
 // Datagrams that reach a socket of this machine.
 class KypScanClientDatagramTest : public KypScanClientTest {
@@ -626,8 +623,7 @@ TEST_F(KypScanClientDatagramTest, EveryByteValueInATextHurtsNobody) {
     }
 }
 
-// ---- sending
-// -------------------------------------------------------------------------------------
+// ---- sending -----------------------------------------------------------------------------------
 
 TEST_F(KypScanClientDatagramTest, OneDatagramGivesTheBytesSent) {
     RawUdp receiver;
@@ -662,8 +658,7 @@ TEST_F(KypScanClientDatagramTest, FailedSendIsLogged) {
     EXPECT_EQ(1, log.count("ERROR", "send kyp search packet fail"));
 }
 
-// ---- adapters and rounds
-// -------------------------------------------------------------------------
+// ---- adapters and rounds -----------------------------------------------------------------------
 
 constexpr char const* kMac = "00:1a:2b:3c:4d:5e";
 constexpr char const* kOtherMac = "00:1a:2b:3c:4d:5f";
@@ -750,11 +745,31 @@ TEST_F(KypScanClientAdapterTest, InterfaceThatGoesKeepsItsSockets) {
     EXPECT_EQ("10.1.2.3", bound_to(fd));
 }
 
-TEST_F(KypScanClientAdapterTest, KeepsOneAdapterForInterfacesOfOneHardwareAddress) {
-    EXPECT_EQ(0, m_client.UpdateScanAdapter({{"eth7", {kMac, "eth7", "10.1.2.3"}},
-                                             {"eth7.5", {kMac, "eth7.5", "10.1.2.4"}}}));
+TEST_F(KypScanClientAdapterTest, OtherHardwareAddressIsAnotherAdapterBehindTheFirst) {
+    update("10.1.2.3");
 
-    EXPECT_EQ(1u, m_client.m_adapters.size());
+    update("10.1.2.4", kOtherMac);
+
+    ASSERT_EQ(2u, m_client.m_adapters.size());
+    EXPECT_EQ(kMac, first().m_macAddr);
+    EXPECT_EQ("10.1.2.3", bound_to(first().GetMutilScanSocket()));
+    EXPECT_EQ(kOtherMac, m_client.m_adapters.back()->m_macAddr);
+    EXPECT_EQ("10.1.2.4", bound_to(m_client.m_adapters.back()->GetMutilScanSocket()));
+}
+
+TEST_F(KypScanClientAdapterTest, KeepsOneAdapterForInterfacesOfOneHardwareAddress) {
+    AdapterMap const list{{"eth7", {kMac, "eth7", "10.1.2.3"}},
+                          {"eth7.5", {kMac, "eth7.5", "10.1.2.4"}}};
+    for (char const* pass : {"first", "second"}) {
+        SCOPED_TRACE(pass);
+        CallGate gate;
+
+        EXPECT_EQ(0, m_client.UpdateScanAdapter(list));
+
+        EXPECT_EQ(1u, m_client.m_adapters.size());
+        // Two sockets at one address, then two at the other.
+        EXPECT_EQ(4, gate.count("bind"));
+    }
 }
 
 TEST_F(KypScanClientAdapterTest, SocketBeyondTheSelectableOnesIsReported) {
