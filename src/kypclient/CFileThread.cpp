@@ -97,10 +97,12 @@ int CFileThread::svc() {
             CComm::Sleep(kIdleMs);
             continue;
         }
+        // Kept: sends before it asks, so the device gets the first packet also of a transfer whose
+        // first report was answered with -1.
+        (void)transfer->SendFile();
         // Kept: a transfer without an open file never ends by itself. It keeps its place, the loop
         // turns without a pause, and all others wait behind it, unless its first report was
         // answered with -1.
-        (void)transfer->SendFile();
         if (!transfer->IsTransferEnd()) continue;
 
         KYP_LOG(LOG_LEVEL_INFO, "transfer over");

@@ -226,6 +226,8 @@ int CFileTransfer::MakeFileChunkPacket(char* buf, int size) {
         m_error = static_cast<uint32_t>(libkyp_get_errno());
         return 0;
     }
+    // Kept: only a short read shows the end, so of a file of whole chunks none is marked as the
+    // last, and a packet without any byte follows them.
     bool const isLast = m_file->IsEof();
     if (isLast) m_state = KYP_FILE_FINISHED;
     return MakeFileChunkHeader(buf, isLast ? 1 : 0) + count;
