@@ -1,9 +1,7 @@
 // Measures the road of another virtual machine's request: through the transport's stand-in to a
 // component and back, against an echo on the bare transport, in one run, turn and turn about.
 // Run it through run.sh, which builds optimised and gives it private namespaces.
-#include <sched.h>
 #include <sys/mman.h>
-#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -16,17 +14,16 @@
 #include <thread>
 #include <vector>
 
-#include "Counters.h"
-#include "Samples.h"
-#include "Sockets.h"
+#include "common/Counters.h"
+#include "common/Exchanges.h"
+#include "common/Machine.h"
+#include "common/Sockets.h"
 #include "ivshmAPI.h"
 #include "kypcomm/KypWire.h"
 #include "kypcomm/ivshm/ShmHeader.h"
 #include "libkyp/libkypCmp.h"
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 constexpr int kRounds = 20;
 constexpr int kComponentGroup = 0;
@@ -194,13 +191,6 @@ void measure_throughput(std::vector<Road>& roads, int exchanges) {
     }
 }
 
-void use_processors(int count) {
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    for (int i = 0; i < count; ++i) CPU_SET(i, &set);
-    if (sched_setaffinity(0, sizeof set, &set) != 0) fail("sched_setaffinity");
-}
-
 void measure(int processors, int exchanges) {
     use_processors(processors);
     Machine bare(kBareGroup);
@@ -219,9 +209,9 @@ void measure(int processors, int exchanges) {
 // Heap allocations of the component for one exchange.
 void count_allocations(std::string const& library) {
     int const page = memfd_create("counters", 0);
-    if (page < 0 || ftruncate(page, sizeof(Counters)) != 0) fail("memfd_create");
-    auto* const counters = static_cast<Counters*>(
-        mmap(nullptr, sizeof(Counters), PROT_READ | PROT_WRITE, MAP_SHARED, page, 0));
+    if (page < 0 || ftruncate(page, sizeof(CountersPage)) != 0) fail("memfd_create");
+    auto* const counters = static_cast<CountersPage*>(
+        mmap(nullptr, sizeof(CountersPage), PROT_READ | PROT_WRITE, MAP_SHARED, page, 0));
     setenv(kCountersVariable, std::to_string(page).c_str(), 1);
     setenv("LD_PRELOAD", library.c_str(), 1);
     pid_t const server = start("component");
@@ -232,26 +222,12 @@ void count_allocations(std::string const& library) {
     for (size_t const size : kSizes) {
         std::vector<char> message = request_of(size);
         for (int i = 0; i < 2000; ++i) machine.exchange(message);
-        uint64_t const before = counters->allocations;
+        uint64_t const before = counters->front().allocations;
         for (int i = 0; i < 2000; ++i) machine.exchange(message);
         printf("  %5zu B %20.2f\n", size,
-               static_cast<double>(counters->allocations - before) / 2000);
+               static_cast<double>(counters->front().allocations - before) / 2000);
     }
     end(server);
-}
-
-void print_machine() {
-    utsname kernel;
-    uname(&kernel);
-    std::string model = "unknown processor";
-    std::ifstream info("/proc/cpuinfo");
-    for (std::string line; std::getline(info, line);) {
-        if (line.rfind("model name", 0) != 0) continue;
-        model = line.substr(line.find(':') + 2);
-        break;
-    }
-    printf("%s, %u processors, Linux %s\n", model.c_str(), std::thread::hardware_concurrency(),
-           kernel.release);
 }
 
 }  // namespace
@@ -274,7 +250,7 @@ int main(int argc, char** argv) {
     if (options.serve == "bare") return serve_bare_transport();
     if (options.serve == "component") return serve_component();
 
-    print_machine();
+    print_machine(stdout);
     write_settings();
     measure(1, options.exchanges);
     if (std::thread::hardware_concurrency() > 1) measure(2, options.exchanges);
