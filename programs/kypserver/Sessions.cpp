@@ -21,13 +21,15 @@ void CSessions::passed_on(CSocketConnection* client, CSocketConnection* componen
                           PendingRequest const& request, bool isAwaited) {
     std::vector<Session>& sessions = m_clients.at(client).sessions;
     Session* session = find(sessions, component);
-    if (session == nullptr) session = &sessions.emplace_back(Session{component, 0, {}});
+    if (session == nullptr) session = &sessions.emplace_back(Session{component, 0, 0, {}});
     session->lastPort = request.port;
+    ++session->taken;
     if (isAwaited) session->pending.add(request);
 }
 
 CSessions::Verdict CSessions::answered(CSocketConnection* component, uint16_t number,
-                                       uint32_t invokeId, CSocketConnection** client) {
+                                       uint32_t invokeId, bool isTurnedAway,
+                                       CSocketConnection** client) {
     CSocketConnection* const owner = m_numbers.owner(number);
     if (owner == nullptr) {
         answered_too_late(component, number, invokeId);
@@ -38,6 +40,7 @@ CSessions::Verdict CSessions::answered(CSocketConnection* component, uint16_t nu
 
     // A component may also send what nobody has asked for, to a client that it knows.
     session->pending.remove(invokeId);
+    if (isTurnedAway && session->taken > 0) --session->taken;
     *client = owner;
     return FOR_CLIENT;
 }
@@ -51,6 +54,7 @@ std::vector<CSessions::Leave> CSessions::end_client(CSocketConnection* client, t
     std::vector<Session> sessions = std::move(found->second.sessions);
     m_clients.erase(found);
     for (Session const& session : sessions) {
+        if (session.taken == 0) continue;
         leaves.push_back({session.component, session.lastPort, number});
     }
     sessions.erase(std::remove_if(sessions.begin(), sessions.end(),

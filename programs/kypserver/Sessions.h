@@ -3,6 +3,11 @@
 // A client has one number for all components, from its first call until its end. A session joins it
 // with one component, from the first request that was passed on until one of the two ends.
 //
+// A component that is full turns clients away with 0x101b and knows nothing of them afterwards. It
+// must not hear of their end either: by then a place may be free, and a component takes the word
+// that a stranger has gone for a new client. One that goes before its 0x101b has come counts as
+// taken in.
+//
 // Owns:     its entries.
 // Threads:  no lock: its owner has one.
 // Lifetime: a client's entry ends with end_client(), which the owner calls for each of them.
@@ -49,11 +54,11 @@ public:
                    PendingRequest const& request, bool isAwaited);
 
     // Whose the answer of `component` to request `invokeId` of client `number` is. With FOR_CLIENT,
-    // *client is set.
+    // *client is set. `isTurnedAway` when it says that the component has no place for the client.
     Verdict answered(CSocketConnection* component, uint16_t number, uint32_t invokeId,
-                     CSocketConnection** client);
+                     bool isTurnedAway, CSocketConnection** client);
 
-    // Frees the number of `client`, or has it rest. Returns the components that have seen it.
+    // Frees the number of `client`, or has it rest. Returns the components that have taken it in.
     std::vector<Leave> end_client(CSocketConnection* client, time_t now);
 
     // Ends the sessions of `component`: nothing comes from it any more.
@@ -66,6 +71,7 @@ private:
     struct Session {
         CSocketConnection* component;
         unsigned short lastPort;
+        uint64_t taken;  // requests passed on that were not turned away
         CPendingRequests pending;
     };
     struct Client {

@@ -182,8 +182,10 @@ void CSwitchboard::lead_back(CMsgHeader& msg, _KypHeader const& head, _AoEHeader
                      " is dropped: it is too short";
         return;
     }
+    bool const isTurnedAway = utils_ntohl(aoe.error) == KYP_ERR_CLIENT_LIMIT;
     CSocketConnection* client = nullptr;
-    switch (m_sessions.answered(channel, forward.replyFd, forward.replyInvoke, &client)) {
+    switch (
+        m_sessions.answered(channel, forward.replyFd, forward.replyInvoke, isTurnedAway, &client)) {
         case CSessions::FOR_CLIENT:
             return give_to_client(client, msg, head, aoe, fault);
         case CSessions::NEVER_CALLED:

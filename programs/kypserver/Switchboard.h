@@ -56,7 +56,7 @@ public:
     unsigned int register_port(CSocketConnection* channel, std::string const& name, uint32_t port);
 
     // `conn` is closing. As a component it frees its name and ports, and what waits for its answers
-    // is refused with 0x4004. As a client it is reported to each component that has seen it.
+    // is refused with 0x4004. As a client it is reported to each component that has taken it in.
     void end(IConnection* conn);
 
     size_t components() const;

@@ -19,9 +19,10 @@ protected:
         return number;
     }
 
-    CSessions::Verdict answer(FakeSocketConn& component, uint16_t number, uint32_t invokeId) {
+    CSessions::Verdict answer(FakeSocketConn& component, uint16_t number, uint32_t invokeId,
+                              bool isTurnedAway = false) {
         m_client = nullptr;
-        return m_sessions.answered(&component, number, invokeId, &m_client);
+        return m_sessions.answered(&component, number, invokeId, isTurnedAway, &m_client);
     }
 
     // Numbers that are given out until `number` is, with as many clients.
@@ -97,6 +98,34 @@ TEST_F(SessionsTest, NobodyHearsOfAClientThatHasCalledNobody) {
     m_sessions.number(&m_first, 0);
 
     EXPECT_TRUE(m_sessions.end_client(&m_first, 0).empty());
+}
+
+TEST_F(SessionsTest, AComponentThatHasTurnedAClientAwayDoesNotHearOfItsEnd) {
+    uint16_t const first = call(m_first, m_motor, 7);
+    call(m_first, m_motor, 8, 600, false);
+    call(m_first, m_drive, 9, 700);
+
+    EXPECT_EQ(CSessions::FOR_CLIENT, answer(m_motor, first, 7, true));
+    EXPECT_EQ(CSessions::FOR_CLIENT, answer(m_motor, first, 8, true));
+
+    auto const leaves = m_sessions.end_client(&m_first, 0);
+    ASSERT_EQ(1U, leaves.size());
+    EXPECT_EQ(&m_drive, leaves[0].component);
+}
+
+TEST_F(SessionsTest, AClientThatWasTakenInLaterIsReported) {
+    uint16_t const first = call(m_first, m_motor, 7);
+    answer(m_motor, first, 7, true);
+    call(m_first, m_motor, 8);
+
+    EXPECT_EQ(1U, m_sessions.end_client(&m_first, 0).size());
+
+    uint16_t const second = call(m_second, m_motor, 7);
+    for (uint32_t invokeId : {7, 7, 99}) answer(m_motor, second, invokeId, true);
+    call(m_second, m_motor, 8);
+    answer(m_motor, second, 8);
+
+    EXPECT_EQ(1U, m_sessions.end_client(&m_second, 0).size());
 }
 
 TEST_F(SessionsTest, ANumberRestsUntilTheLastAnswerHasCome) {

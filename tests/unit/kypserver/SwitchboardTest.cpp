@@ -221,6 +221,20 @@ TEST_F(SwitchboardTest, ARequestMustFitWithItsForwardHead) {
     EXPECT_EQ(hex(response_frame(600, 9, 8, {}, 0x100d)), hex(m_first.last()));
 }
 
+TEST_F(SwitchboardTest, AClientThatOneOfItsComponentsHasTurnedAwayIsReportedToTheOthers) {
+    uint16_t const first = call(m_first, 600, 7);
+    call(m_first, 700, 8);
+    receive(m_motor, answer_frame(600, 9, 7, first, {}, 0x101b));
+    EXPECT_EQ(hex(response_frame(600, 9, 7, {}, 0x101b)), hex(m_first.last()));
+    m_motor.last();
+    m_drive.last();
+
+    m_connections.end(&m_first);
+
+    EXPECT_THAT(m_motor.last(), IsEmpty());
+    EXPECT_EQ(1U, take_forwarded_apart(m_drive.last()).event);
+}
+
 TEST_F(SwitchboardTest, AnAnswerForAClientThatHasGoneIsDropped) {
     call(m_first, 600, 7);
     m_connections.end(&m_first);
