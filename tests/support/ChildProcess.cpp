@@ -1,6 +1,7 @@
 #include "support/ChildProcess.h"
 
 #include <fcntl.h>
+#include <linux/close_range.h>
 #include <linux/securebits.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -41,6 +42,8 @@ int caught_output(char const* name) {
     }
     dup2(out, STDOUT_FILENO);
     dup2(err, STDERR_FILENO);
+    // Else the program would keep the test's own connections open.
+    (void)close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC);
     execv(arguments[0], arguments.data());
     perror(arguments[0]);
     _exit(127);
