@@ -1,4 +1,8 @@
 // The command-line tool looking for devices: `kyp scan`, with a second host that the tests play.
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <cstdlib>
 #include <functional>
@@ -12,6 +16,7 @@
 namespace {
 
 using testing::AllOf;
+using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -64,6 +69,11 @@ private:
 class ToolScanTest : public ToolTest {
 protected:
     ToolScanTest() { EXPECT_TRUE(m_host.ready()); }
+
+    // Has `ip` change this host.
+    static void ip(std::string const& words) {
+        EXPECT_EQ(0, system(("PATH=$PATH:/usr/sbin:/sbin; ip " + words).c_str())) << words;
+    }
 
     SecondHost m_host;
 };
@@ -194,6 +204,63 @@ TEST_F(ToolScanTest, ExplainsToProgramsToo) {
     EXPECT_EQ(2u, interfaces[0]["came"].size());
     EXPECT_EQ(false, interfaces[0]["came"][0]["taken"]);
     EXPECT_EQ("loopback", interfaces[1]["reason"]);
+}
+
+TEST_F(ToolScanTest, ExplainsWhyAnInterfaceIsNotAsked) {
+    ip("link add bare type veth peer name down");
+    ip("link set bare up");
+    ip("link add tap7 type veth peer name twin");
+    ip("link set twin up");
+    ip("addr add 10.78.0.1/24 dev twin");
+    for (std::string const name : {"kyp0", "twin"}) {
+        ip("link set " + name + " address 02:00:00:00:00:77");
+    }
+
+    Ended const ended = kyp({"scan", "--explain", "-d", "900ms"});
+
+    EXPECT_EQ(3, ended.code);
+    EXPECT_THAT(ended.out, HasSubstr("\nbare: not asked, no IPv4 address\n"));
+    EXPECT_THAT(ended.out, HasSubstr("\ndown: not asked, down\n"));
+    EXPECT_THAT(ended.out, HasSubstr("\ntap7: not asked, interfaces of this kind are left out\n"));
+    // One of the two that share it is the one that was asked.
+    EXPECT_THAT(ended.out,
+                HasSubstr(": not asked, shares its hardware address with another interface\n"));
+}
+
+TEST_F(ToolScanTest, ExplainsASocketThatCouldNotBeOpened) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(38897);
+    inet_pton(AF_INET, SecondHost::kHere, &address.sin_addr);
+    int const selfish = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);  // shares its port with none
+    ASSERT_EQ(0, bind(selfish, reinterpret_cast<sockaddr*>(&address), sizeof address));
+
+    Ended const ended = kyp({"scan", "--explain", "-d", "900ms"});
+
+    EXPECT_EQ(3, ended.code);
+    EXPECT_THAT(ended.out, HasSubstr("\n  multicast to 239.255.0.3:38897: no socket could be "
+                                     "opened, -v tells why\n"));
+    EXPECT_THAT(ended.out, HasSubstr("\n  broadcast to 255.255.255.255:38896: sent 1 time from "));
+    EXPECT_THAT(ended.out, HasSubstr("\n  nothing came back\n"));
+    close(selfish);
+}
+
+TEST_F(ToolScanTest, ExplainsARequestThatCouldNotBeSent) {
+    std::atomic<int> asked{0};
+    ScanDevice const device(m_host, [&asked](uint8_t) {
+        ++asked;
+        return std::vector<Bytes>{};
+    });
+    auto const child = start({"-v", "scan", "--explain", "-d", "600"});
+    ASSERT_TRUE(eventually([&] { return asked >= 2; }, std::chrono::seconds(30)));
+
+    ip("addr flush dev kyp0");
+    ASSERT_TRUE(child->wait_for_output("send kyp search packet fail"));
+    child->signal(SIGINT);
+
+    Ended const ended = end_of(child);
+    EXPECT_EQ(3, ended.code);
+    EXPECT_THAT(ended.out, ContainsRegex(", failed [0-9]+ times?: Network is unreachable\n"));
 }
 
 TEST_F(ToolScanTest, CtrlCShowsWhatWasFoundSoFar) {

@@ -313,6 +313,21 @@ TEST_F(ToolSendTest, StatRefusesWhatIsNoState) {
     EXPECT_EQ("kyp: the answer is no JSON object: \\x1bgarbage\n", ended.err);
 }
 
+TEST_F(ToolSendTest, StatRefusesAStateThatIsNestedTooDeeply) {
+    size_t const depth = 2000000;
+    for (Words const& words : {Words{"stat", "127.0.0.1"}, Words{"stat", "127.0.0.1", "--json"}}) {
+        SCOPED_TRACE(words.back());
+        auto const child = start(words);
+        accept();
+        answer(next_request(),
+               text("{\"a\":" + std::string(depth, '[') + std::string(depth, ']') + "}"));
+
+        Ended const ended = end_of(child);
+        EXPECT_EQ(1, ended.code);
+        EXPECT_EQ("kyp: the answer is nested too deeply\n", ended.err);
+    }
+}
+
 TEST_F(ToolSendTest, StatWatchesUntilItIsStopped) {
     auto const child = start({"stat", "127.0.0.1", "--watch", "1ms"});
     accept();
