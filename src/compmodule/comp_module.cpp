@@ -9,8 +9,7 @@
 #include "compmodule/net_channel.h"
 #include "kypcomm/KypStatus.h"
 #include "kypcomm/pbuf/RecvBuf.h"
-#include "kypcomm/protocol/Message.h"
-#include "kypcomm/protocol/TopicProtocol.h"
+#include "kypcomm/protocol/ReceivedTopic.h"
 #include "kypcore/router/RouteManage.h"
 #include "utils/Log.h"
 
@@ -290,20 +289,19 @@ int CompModule::process_route_message(_KypHeader& header, _AoEHeader& aoe, RecvB
 }
 
 int CompModule::process_subscribe_message(_KypHeader&, _AoEHeader&, RecvBuf* buf) {
-    TopicProtocol message;
-    message.deserialization(
-        Message(buf->GetVaildData(), static_cast<uint64_t>(std::max(buf->GetVaildSize(), 0))));
+    ReceivedTopic const message(buf->GetVaildData(),
+                                static_cast<uint64_t>(std::max(buf->GetVaildSize(), 0)));
     // Kept: the type is not asked, so whatever comes for a topic is delivered.
-    auto const entry = subscribeMap.find(message.topic);
+    auto const entry = subscribeMap.find(message->topic);
     if (entry == subscribeMap.end()) {
-        KYP_LOG(LOG_LEVEL_ERROR, "unknow topic:%s", message.topic.c_str());
+        KYP_LOG(LOG_LEVEL_ERROR, "unknow topic:%s", message->topic.c_str());
         return 0;
     }
     // A copy: the callback may end the subscription.
     const _libkypSubscribelCallBack target = entry->second;
     if (target.callback == nullptr) return 0;
-    target.callback(message.indexGroup, message.indexOffset, message.topic.c_str(),
-                    message.data.data(), static_cast<unsigned int>(message.data.size()),
+    target.callback(message->indexGroup, message->indexOffset, message->topic.c_str(),
+                    message->data.data(), static_cast<unsigned int>(message->data.size()),
                     target.user);
     return 0;
 }

@@ -10,8 +10,7 @@
 #include "kypcomm/KypStatus.h"
 #include "kypcomm/pbuf/pbufbuilder.h"
 #include "kypcomm/pbuf/pbufpool.h"
-#include "kypcomm/protocol/Message.h"
-#include "kypcomm/protocol/TopicProtocol.h"
+#include "kypcomm/protocol/ReceivedTopic.h"
 #include "utils/Log.h"
 
 namespace {
@@ -382,24 +381,23 @@ std::map<std::string, _libkypSubscribelCallBack> IKypPeerConnection::GetSubscrib
 }
 
 int IKypPeerConnection::filter(char const* data, unsigned int len) {
-    TopicProtocol message("", "", "");
-    message.deserialization(Message(data, len));
+    ReceivedTopic const message(data, len);
 
     _libkypSubscribelCallBack target{nullptr, nullptr};
     bool known = false;
     {
         std::lock_guard<std::mutex> lock(topics_mutex(this));
-        const auto found = m_topics.find(message.topic);
+        const auto found = m_topics.find(message->topic);
         known = found != m_topics.end();
         if (known) target = found->second;
     }
     if (!known) {
-        KYP_LOG(LOG_LEVEL_ERROR, "unknow topic:%s", message.topic.c_str());
+        KYP_LOG(LOG_LEVEL_ERROR, "unknow topic:%s", message->topic.c_str());
         return 0;
     }
     if (target.callback != nullptr) {
-        target.callback(message.indexGroup, message.indexOffset, message.topic.c_str(),
-                        message.data.data(), static_cast<unsigned int>(message.data.size()),
+        target.callback(message->indexGroup, message->indexOffset, message->topic.c_str(),
+                        message->data.data(), static_cast<unsigned int>(message->data.size()),
                         target.user);
     }
     return 0;

@@ -714,6 +714,19 @@ TEST_F(CompModuleTest, AMessageWithoutDataReachesItsTopicsCallback) {
     EXPECT_EQ(Bytes{}, g_topicCalls[0].data);
 }
 
+TEST_F(CompModuleTest, AMessageHasNothingOfTheOneBefore) {
+    m_module->subscribe("limits", record_topic, this);
+    deliver(delivery_frame(1, "limits", Bytes(100, 'A'), 0x10, 0x20));
+
+    Bytes body = pubsub_body("pub", "limits", text("B"));
+    body.resize(24 + 4 + 7);  // ends behind the topic
+    deliver(response_frame(103, 8, 1, body));
+    ASSERT_EQ(2U, g_topicCalls.size());
+    EXPECT_EQ(Bytes{}, g_topicCalls[1].data);
+    EXPECT_EQ(0U, g_topicCalls[1].indexGroup);
+    EXPECT_EQ(0U, g_topicCalls[1].indexOffset);
+}
+
 TEST_F(CompModuleTest, AMessageIsOfNoClient) {
     m_module->subscribe("limits", record_topic, this);
     watch_clients();

@@ -235,6 +235,54 @@ TEST_F(KypPeerConnTopicsTest, MessageWithoutDataIsDelivered) {
     EXPECT_TRUE(m_calls.m_calls[0].data.empty());
 }
 
+TEST_F(KypPeerConnTopicsTest, MessageHasNothingOfTheOneBefore) {
+    ASSERT_EQ(0, subscribe("topic"));
+    EXPECT_EQ(0, filter(pubsub_body("pub", "topic", text(std::string(100, 'A')), 0x11, 0x22)));
+
+    Bytes body = pubsub_body("pub", "topic", text("B"));
+    body.resize(24 + 4 + 6);  // ends behind the topic
+    EXPECT_EQ(0, filter(body));
+
+    ASSERT_EQ(2u, m_calls.count());
+    EXPECT_EQ(100u, m_calls.m_calls[0].data.size());
+    EXPECT_TRUE(m_calls.m_calls[1].data.empty());
+    EXPECT_EQ(0u, m_calls.m_calls[1].indexGroup);
+    EXPECT_EQ(0u, m_calls.m_calls[1].indexOffset);
+}
+
+TEST_F(KypPeerConnTopicsTest, LongMessageIsDeliveredBetweenShortOnes) {
+    ASSERT_EQ(0, subscribe("topic"));
+
+    for (size_t const size : {10u, 1000000u, 10u, 65536u, 65537u}) {
+        EXPECT_EQ(0, filter(pubsub_body("pub", "topic", Bytes(size, 'A'))));
+        EXPECT_EQ(size, m_calls.m_calls.back().data.size());
+    }
+}
+
+TEST_F(KypPeerConnTopicsTest, CallbackThatDeliversAMessageKeepsItsOwn) {
+    struct Nested {
+        FakePeerConnection& conn;
+        std::vector<std::string> seen;
+    } nested{m_conn, {}};
+    const auto inner = [](unsigned int, unsigned int, char const*, char const* data,
+                          unsigned int len,
+                          void* ctx) { static_cast<Nested*>(ctx)->seen.emplace_back(data, len); };
+    const auto outer = [](unsigned int, unsigned int, char const* topic, char const* data,
+                          unsigned int len, void* ctx) {
+        auto& own = *static_cast<Nested*>(ctx);
+        const Bytes body = pubsub_body("pub", "inner", text("later"));
+        own.conn.filter(reinterpret_cast<char const*>(body.data()),
+                        static_cast<unsigned int>(body.size()));
+        own.seen.push_back(topic + std::string(data, len));
+    };
+    ASSERT_EQ(0, m_conn.subscribe("outer", outer, &nested));
+    ASSERT_EQ(0, m_conn.subscribe("inner", inner, &nested));
+
+    EXPECT_EQ(0, filter(pubsub_body("pub", "outer", text("first"))));
+
+    EXPECT_EQ((std::vector<std::string>{"later", "outerfirst"}), nested.seen);
+}
+
 TEST_F(KypPeerConnTopicsTest, SubscriptionWithoutACallbackTakesMessages) {
     ASSERT_EQ(0, m_conn.subscribe("topic", nullptr, nullptr));
 
