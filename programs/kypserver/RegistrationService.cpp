@@ -57,8 +57,31 @@ void CRegistrationService::serve(Request const& request) {
     if (!m_connections.is_local(channel)) return reply(request, body, decide(request, body));
     uint32_t const ticket = m_ledger.hold(channel);
     reply(request, body, decide(request, body));
-    CSendLedger& ledger = m_ledger;
-    m_errands.after(m_quietTime, [&ledger, channel, ticket] { ledger.release(channel, ticket); });
+    keep_quiet(channel, ticket);
+}
+
+// However many registrations come on a channel, it has one errand.
+void CRegistrationService::keep_quiet(IConnection* channel, uint32_t ticket) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    bool const isNew = m_quiet.count(channel) == 0;
+    m_quiet[channel] = {ticket, Clock::now() + m_quietTime};
+    if (isNew) m_errands.after(m_quietTime, [this, channel] { look_after(channel); });
+}
+
+void CRegistrationService::look_after(IConnection* channel) {
+    uint32_t ticket = 0;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        Quiet const quiet = m_quiet.at(channel);
+        auto const left = std::chrono::ceil<std::chrono::milliseconds>(quiet.until - Clock::now());
+        if (left.count() > 0) {
+            m_errands.after(left, [this, channel] { look_after(channel); });
+            return;
+        }
+        ticket = quiet.ticket;
+        m_quiet.erase(channel);
+    }
+    m_ledger.release(channel, ticket);
 }
 
 // Fills `body` as far as the request goes. Returns the verdict.

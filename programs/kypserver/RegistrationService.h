@@ -4,12 +4,16 @@
 // it mostly registers several things in a row. So from the moment at which its request is read here
 // other frames for it are kept back, until it has been quiet for a while.
 //
+// Owns:     an entry for each channel that is kept quiet, with one errand for it.
 // Threads:  serve() on any worker.
-// Lifetime: outlives the workers.
+// Lifetime: outlives the workers and the errands.
 #ifndef KYP_PROGRAMS_KYPSERVER_REGISTRATIONSERVICE_H
 #define KYP_PROGRAMS_KYPSERVER_REGISTRATIONSERVICE_H
 
 #include <chrono>
+#include <cstdint>
+#include <mutex>
+#include <unordered_map>
 
 #include "kypserver/Service.h"
 
@@ -38,15 +42,27 @@ public:
     void serve(Request const& request) override;
 
 private:
+    using Clock = std::chrono::steady_clock;
+
+    // A channel that is kept quiet.
+    struct Quiet {
+        uint32_t ticket;  // of the ledger
+        Clock::time_point until;
+    };
+
     unsigned int decide(Request const& request, RegistrationBody& body);
     unsigned int enter(Request const& request, RegistrationBody const& body);
     void reply(Request const& request, RegistrationBody const& body, unsigned int status);
+    void keep_quiet(IConnection* channel, uint32_t ticket);
+    void look_after(IConnection* channel);
 
     CConnections const& m_connections;
     CSwitchboard& m_switchboard;
     CSendLedger& m_ledger;
     CErrands& m_errands;
     std::chrono::milliseconds const m_quietTime;
+    std::mutex m_mutex;  // guards m_quiet; outside the errands' lock
+    std::unordered_map<IConnection*, Quiet> m_quiet;
 };
 
 }  // namespace kypserver

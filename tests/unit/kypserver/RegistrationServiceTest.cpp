@@ -35,6 +35,8 @@ protected:
         m_connections.begin(&m_remote);
     }
 
+    ~RegistrationServiceTest() override { m_errands.stop(); }
+
     // Serves a request with `body`; gives the reply.
     Bytes serve(FakeSocketConn& conn, Bytes const& body, uint16_t cmd = 9, uint8_t state = 0) {
         Request request = {};
@@ -160,6 +162,24 @@ TEST_F(RegistrationServiceTest, OtherFramesAreKeptBackUntilTheComponentIsQuiet) 
     EXPECT_TRUE(eventually([&] { return m_local.count() == 3; }));
 
     EXPECT_EQ(hex(kept), hex(m_local.last()));
+}
+
+TEST_F(RegistrationServiceTest, AChannelMayBeQuietAgainAndAgain) {
+    for (size_t i = 0; i < 2; ++i) {
+        serve(m_local, registration_body(1, "motor"));
+        m_ledger.offer(&m_local, {0, 1, 103, 13}, {}, nullptr, 0);
+        EXPECT_TRUE(eventually([&] { return m_local.count() == 2 * i + 2; }));
+    }
+}
+
+TEST_F(RegistrationServiceTest, AChannelMayCloseWhileItIsQuiet) {
+    serve(m_local, registration_body(1, "motor"));
+    m_connections.end(&m_local);
+    serve(m_other, registration_body(1, "motor"));
+    m_ledger.offer(&m_other, {0, 1, 103, 13}, {}, nullptr, 0);
+
+    EXPECT_TRUE(eventually([&] { return m_other.count() == 2; }));
+    EXPECT_EQ(1U, m_local.count());
 }
 
 }  // namespace
