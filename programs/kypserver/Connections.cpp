@@ -80,7 +80,7 @@ void CConnections::hang_up(IConnection* conn) const {
 
 bool CConnections::has_hung_up(IConnection* conn) const {
     std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_open.count(conn) == 0) return false;
+    if (m_open.count(conn) == 0) return true;
 
     pollfd peer = {conn->get_fd(), POLLRDHUP, 0};
     return poll(&peer, 1, 0) == 1;

@@ -45,7 +45,7 @@ public:
     // Ends an open connection, from any thread: its loop finds the end of the stream and closes.
     void hang_up(IConnection* conn) const;
 
-    // Has the peer of an open connection closed it, also when the loop has not found out yet?
+    // Has the connection ended, or its peer closed it, which the loop may not have found out yet?
     bool has_hung_up(IConnection* conn) const;
 
     // What to call the peer in a message.

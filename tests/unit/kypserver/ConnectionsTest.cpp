@@ -6,8 +6,10 @@
 #include <vector>
 
 #include "FakeConn.h"
+#include "FakeSocketConn.h"
 #include "kypcore/ISocketServer.h"
 #include "kypcore/SocketConnection.h"
+#include "kypcore/TcpDomainServer.h"
 
 namespace kypserver {
 namespace {
@@ -77,6 +79,48 @@ TEST(ConnectionsTest, NamesAPeerInPrintableLetters) {
     EXPECT_EQ("local client 11", connections.name(&nameless));
     connections.end(&conn);
     EXPECT_EQ("a datagram", connections.name(&conn));
+}
+
+TEST(ConnectionsTest, TellsWhoCameOverTheUnixDomainSocket) {
+    CConnections connections(10);
+    TcpDomainserver server("/tmp/server");
+    FakeSocketConn local;
+    FakeSocketConn remote;
+    local.SetSockServer(&server);
+    connections.begin(&local);
+    connections.begin(&remote);
+
+    EXPECT_TRUE(connections.is_local(&local));
+    EXPECT_FALSE(connections.is_local(&remote));
+    connections.end(&local);
+    EXPECT_FALSE(connections.is_local(&local));
+}
+
+TEST(ConnectionsTest, HangsUpOnOpenConnectionsOnly) {
+    CConnections connections(10);
+    FakeSocketConn open;
+    FakeSocketConn closed;
+    connections.begin(&open);
+
+    connections.hang_up(&open);
+    connections.hang_up(&closed);
+
+    EXPECT_TRUE(open.m_far.expect_closed());
+    EXPECT_FALSE(closed.m_far.expect_closed(std::chrono::milliseconds(0)));
+}
+
+TEST(ConnectionsTest, SeesThatAPeerHasHungUp) {
+    CConnections connections(10);
+    FakeSocketConn conn;
+    EXPECT_TRUE(connections.has_hung_up(&conn));
+    connections.begin(&conn);
+    EXPECT_FALSE(connections.has_hung_up(&conn));
+    conn.m_far.send(text("last words"));
+    EXPECT_FALSE(connections.has_hung_up(&conn));
+
+    conn.m_far.close();
+
+    EXPECT_TRUE(connections.has_hung_up(&conn));
 }
 
 }  // namespace

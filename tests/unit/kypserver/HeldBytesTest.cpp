@@ -62,6 +62,15 @@ TEST_F(HeldBytesTest, OneRequestMayComeHoweverLarge) {
     EXPECT_FALSE(take(0));
 }
 
+TEST_F(HeldBytesTest, TellsWhetherAnAnswerHasRoom) {
+    m_held.begin(&m_conn);
+    EXPECT_TRUE(m_held.has_room(&m_conn, 50000));  // one always has
+    m_held.answering(&m_conn, 5000);
+
+    EXPECT_TRUE(m_held.has_room(&m_conn, 5000 - 2 * (21 + kEach)));
+    EXPECT_FALSE(m_held.has_room(&m_conn, 5001 - 2 * (21 + kEach)));
+}
+
 TEST_F(HeldBytesTest, AFrameShorterThanItsHeadsHasNoPayload) {
     for (uint32_t length : {0U, 1U, 21U, 0xffffffffU, 0x80000000U}) {
         SCOPED_TRACE(length);

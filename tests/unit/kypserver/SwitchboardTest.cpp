@@ -412,6 +412,23 @@ TEST_F(SwitchboardTest, AComponentTakesNameAndPortsOverFromItsGhost) {
     EXPECT_EQ(8U, take_forwarded_apart(m_first.last()).invokeId);
 }
 
+TEST_F(SwitchboardTest, AComponentTakesOverFromOneWhoseEndIsStillToCome) {
+    CConnections connections(10);
+    CSwitchboard switchboard(connections, m_ledger, m_held, m_counters);
+    connections.begin(&m_first);
+    connections.begin(&m_second);
+    switchboard.register_component(&m_first, {"spare", 0, 0, {}});
+    switchboard.register_port(&m_first, "spare", 800);
+
+    connections.end(&m_first);
+    EXPECT_EQ(0U, switchboard.register_component(&m_second, {"spare", 0, 0, {}}));
+    EXPECT_EQ(0U, switchboard.register_port(&m_second, "spare", 800));
+    switchboard.end(&m_first);
+
+    EXPECT_EQ(1U, switchboard.components());
+    EXPECT_EQ(0U, switchboard.register_port(&m_second, "spare", 800));
+}
+
 TEST_F(SwitchboardTest, AComponentTakesAPortOverFromAGhostOfAnotherName) {
     m_switchboard.register_component(&m_first, {"spare", 0, 0, {}});
     EXPECT_EQ(0x1007U, m_switchboard.register_port(&m_first, "spare", 600));
