@@ -103,11 +103,28 @@ TEST_F(ToolMeasureTest, PingLooksAtWhatComesBack) {
     EXPECT_THAT(ended.out, HasSubstr(" ms, not what was sent\n"));
 }
 
-TEST_F(ToolMeasureTest, ADeadlineEndsPing) {
+TEST_F(ToolMeasureTest, ADeadlineEndsAWaitForTheNextRequest) {
     start_server();
 
-    EXPECT_EQ(0, kyp({"ping", "-i", "1ms", "-w", "50ms"}).code);
-    EXPECT_EQ(3, kyp({"ping", "-c", "1000000", "-i", "1ms", "-w", "50ms"}).code);
+    Ended const ended = kyp({"ping", "-i", "600", "-w", "1"});
+
+    EXPECT_EQ(0, ended.code);
+    EXPECT_THAT(ended.out, HasSubstr("1 sent, 1 answered"));
+}
+
+TEST_F(ToolMeasureTest, ADeadlineEndsAWaitForAnAnswer) {
+    play_device();
+
+    Ended const ended = kyp({"ping", "127.0.0.1", "-w", "50ms"});
+
+    EXPECT_EQ(3, ended.code);
+    EXPECT_THAT(ended.out, HasSubstr("1 sent, 0 answered"));
+}
+
+TEST_F(ToolMeasureTest, FewerAnswersThanAskedForByTheDeadlineAreAFailure) {
+    start_server();
+
+    EXPECT_EQ(3, kyp({"ping", "-c", "1000000", "-i", "1ms", "-w", "300ms"}).code);
 }
 
 TEST_F(ToolMeasureTest, PingWaitsForADeviceThatStartsUp) {
