@@ -1,5 +1,7 @@
 #include "kyp/Device.h"
 
+#include <sys/socket.h>
+
 #include <chrono>
 #include <future>
 #include <memory>
@@ -13,17 +15,57 @@
 #include "kypclient/KypPeerConn.h"
 #include "kypclient/KypTcpclient.h"
 #include "kypclient/routetable/RouterTable.h"
+#include "kypcomm/Socket.h"
 #include "libkyp/libkyp.h"
 
 namespace kyptool {
 
 namespace {
 
+constexpr int kLockTries = 20;
+constexpr auto kLockPause = std::chrono::milliseconds(5);
 constexpr uint32_t kRequestHeads =
     sizeof(_KypHeader) + sizeof(_AoEHeader) + sizeof(AoERequestHeader);
 
-std::mutex g_openMutex;
-std::vector<IKypPeerConnection*> g_open;  // guarded by g_openMutex
+// All that were opened. Never destroyed, as they are not: a command may be left behind in its
+// thread when the process ends.
+struct Opened {
+    std::mutex mutex;                // guards the others
+    std::vector<CDevice*> devices;   // all of them, for good
+    std::vector<CTcpclient*> links;  // those that close_all() has to end
+};
+
+Opened& opened() {
+    static auto* const all = new Opened;
+    return *all;
+}
+
+void enter_link(CTcpclient* link) {
+    std::lock_guard<std::mutex> lock(opened().mutex);
+    opened().links.push_back(link);
+}
+
+// Has the receive thread find the link at its end, which ends it sooner than its next look around.
+// False when a sender has been on the link for all this time.
+bool shut(CTcpclient& link) {
+    // Nobody closes the descriptor under this lock.
+    std::unique_lock<std::mutex> lock(link.m_sendMutex, std::try_to_lock);
+    for (int i = 0; i < kLockTries && !lock.owns_lock(); ++i) {
+        std::this_thread::sleep_for(kLockPause);
+        (void)lock.try_lock();
+    }
+    if (!lock.owns_lock()) return false;
+    ::shutdown(link.m_socket->m_fd, SHUT_RDWR);
+    return true;
+}
+
+// A link that is down has nothing to end, and its thread may be at a new attempt for a while.
+void close_link(CTcpclient& link) {
+    link.set_reconnect_event(0, false);
+    if (!link.isconnected() || !shut(link)) return;
+    (void)link.stop();
+    link.disconnect();
+}
 
 // A request as the library's blocking way takes it. The block of the frame is deleted by hand.
 class LibraryRequest {
@@ -89,7 +131,11 @@ CDevice::CDevice(Observer observer) : m_conn(nullptr), m_observer(std::move(obse
 
 CDevice& CDevice::open(Target const& target, Duration timeout, WhenDown whenDown,
                        Observer observer) {
-    auto* const device = new CDevice(std::move(observer));  // kept for the rest of the process
+    auto* const device = new CDevice(std::move(observer));
+    {
+        std::lock_guard<std::mutex> lock(opened().mutex);
+        opened().devices.push_back(device);
+    }
     bool const connected = target.isLocal ? device->connect_local(target, timeout)
                                           : device->connect_device(target, timeout);
     if (connected || (whenDown == GO_ON_WHEN_DOWN && device->m_conn != nullptr)) return *device;
@@ -100,21 +146,18 @@ CDevice& CDevice::open(Target const& target, Duration timeout, WhenDown whenDown
 }
 
 void CDevice::close_all() {
-    std::lock_guard<std::mutex> lock(g_openMutex);
-    for (IKypPeerConnection* conn : g_open) {
-        conn->set_reconnect_event(0, false);
-        conn->disconnect();
-    }
-    g_open.clear();
+    std::lock_guard<std::mutex> lock(opened().mutex);
+    for (CTcpclient* link : opened().links) close_link(*link);
+    opened().links.clear();
 }
 
 bool CDevice::connect_device(Target const& target, Duration timeout) {
     utility::instance<CRouterTable>().AddDeviceId2RouterTable(target.id, target.host);
     _KypDeviceId id = target.id;
-    m_conn = static_cast<IKypPeerConnection*>(
-        libkyp_createInstanceEx(&id, KYP_CONN_TCP, milliseconds_of(timeout), on_event, this));
-    std::lock_guard<std::mutex> lock(g_openMutex);
-    g_open.push_back(m_conn);
+    void* const made =
+        libkyp_createInstanceEx(&id, KYP_CONN_TCP, milliseconds_of(timeout), on_event, this);
+    m_conn = static_cast<CTcpclient*>(static_cast<IKypPeerConnection*>(made));
+    enter_link(m_conn);
     return m_conn->isconnected();
 }
 
@@ -134,8 +177,7 @@ bool CDevice::connect_local(Target const& target, Duration timeout) {
     (void)conn->start();
     utility::instance<CPeerConnMgr>().AddPeerConnection(conn);
     m_conn = conn;
-    std::lock_guard<std::mutex> lock(g_openMutex);
-    g_open.push_back(m_conn);
+    enter_link(m_conn);
     return m_conn->isconnected();
 }
 
@@ -167,7 +209,7 @@ std::string CDevice::ask(Request const& request, Duration timeout, std::string c
 }
 
 void* CDevice::handle() const {
-    return m_conn;
+    return static_cast<IKypPeerConnection*>(m_conn);
 }
 
 void CDevice::on_event(_KypDeviceId*, void* self, int event) {

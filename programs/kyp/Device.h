@@ -3,9 +3,10 @@
 // Owns:     the library's connection.
 // Threads:  any, several at once. The observer is called on the receive thread, or on the one that
 //           opens.
-// Lifetime: from open() to the end of the process. To end a connection in order takes the library
-//           up to half a second, which nobody wants to wait for behind a command: close_all() ends
-//           the links at once, and the process goes.
+// Lifetime: from open() to the end of the process; close_all() ends the links. The library's own
+// end
+//           of a connection takes up to half a second, which nobody wants to wait for behind a
+//           command.
 #ifndef KYP_PROGRAMS_KYP_DEVICE_H
 #define KYP_PROGRAMS_KYP_DEVICE_H
 
@@ -18,7 +19,7 @@
 #include "kyp/Values.h"
 #include "kypcomm/KypWire.h"
 
-class IKypPeerConnection;
+class CTcpclient;
 
 namespace kyptool {
 
@@ -74,7 +75,7 @@ private:
     bool connect_device(Target const& target, Duration timeout);
     bool connect_local(Target const& target, Duration timeout);
 
-    IKypPeerConnection* m_conn;  // the library's
+    CTcpclient* m_conn;  // the library's
     Observer m_observer;
 };
 

@@ -28,6 +28,13 @@ sigset_t take_signals() {
     return signals;
 }
 
+void let_signals_end_the_process() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (int const sig : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, sig);
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
 void tell(Failure const& failure, Settings const& settings, CScreen& screen) {
     screen.end_progress();
     screen.error("kyp: " + std::string(failure.what()) + "\n");
@@ -56,24 +63,28 @@ int run(ICommand& command, Settings const& settings, CScreen& screen) {
 
 int main(int argc, char** argv) {
     // Never destroyed: threads of the library and of the command may outlive main().
-    auto* const line = new CCommandLine;
+    static auto* const line = new CCommandLine;
     if (auto const code = line->parse(argc, argv)) return *code;
 
     sigset_t const signals = take_signals();
-    auto* const screen = new CScreen(line->settings().quiet, line->settings().verbose);
+    static auto* const screen = new CScreen(line->settings().quiet, line->settings().verbose);
     screen->on_broken_pipe(CDevice::close_all);
 
-    auto* const result = new std::atomic<int>(EXIT_FINE);
+    static std::atomic<int> result{EXIT_FINE};
     pthread_t const self = pthread_self();
-    std::thread([=] {
-        *result = run(line->command(), line->settings(), *screen);
+    std::thread([self] {
+        result = run(line->command(), line->settings(), *screen);
         pthread_kill(self, kDone);
     }).detach();
 
     int sig = 0;
     sigwait(&signals, &sig);
-    int const code =
-        sig == kDone ? result->load() : line->command().interrupted(line->settings(), *screen, sig);
+    int code = result;
+    if (sig != kDone) {
+        // A second signal ends the process where it stands: somebody may not read what it prints.
+        let_signals_end_the_process();
+        code = line->command().interrupted(line->settings(), *screen, sig);
+    }
     screen->end_progress();
     CDevice::close_all();
     return screen->exit_code(code);

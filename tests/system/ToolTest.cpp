@@ -1,5 +1,8 @@
 // The command-line tool as people and scripts run it: words in, screen and exit code out.
+#include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -316,6 +319,28 @@ TEST_F(ToolTest, ASignalEndsACommandThatWaits) {
 
     child->signal(SIGINT);
     EXPECT_EQ(128 + SIGINT, child->wait_exit());
+}
+
+TEST_F(ToolTest, ASecondSignalEndsAToolThatNobodyReads) {
+    start_server();
+    ASSERT_EQ(0, mkfifo("/tmp/results", 0600));
+    int const reader = open("/tmp/results", O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    std::string const path = program_path("kyp");
+    ChildProcess child({"/bin/sh", "-c", "exec " + path + " ping -i 0 >/tmp/results"});
+    // The pipe is full when nothing more arrives in it.
+    int waiting = 0;
+    ASSERT_TRUE(eventually([&] {
+        int const before = waiting;
+        ioctl(reader, FIONREAD, &waiting);
+        return waiting == before && waiting > 60000;
+    }));
+
+    child.signal(SIGINT);
+    EXPECT_TRUE(eventually([&] {
+        child.signal(SIGINT);
+        return child.wait_exit(std::chrono::milliseconds(0)) == 128 + SIGINT;
+    }));
+    close(reader);
 }
 
 TEST_F(ToolTest, ResultsThatCannotBeWrittenAreAFailure) {
