@@ -67,7 +67,7 @@ std::optional<Target> parse_target(std::string const& text) {
 }
 
 std::string place_of(Target const& target) {
-    std::string const text = printable(target.text);
+    std::string text = printable(target.text);
     bool const isShown = target.isLocal || text.find(target.host) != std::string::npos;
     if (isShown) return text;
     return text + " at " + target.host + (target.isRemembered ? " (where a scan has seen it)" : "");

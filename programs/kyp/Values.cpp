@@ -81,7 +81,7 @@ std::optional<uint64_t> parse_size(std::string const& text, uint64_t most) {
     if (text.empty()) return std::nullopt;
     uint64_t unit = 1;
     if (text.back() == 'k' || text.back() == 'K') unit = 1024;
-    if (text.back() == 'm' || text.back() == 'M') unit = 1024 * 1024;
+    if (text.back() == 'm' || text.back() == 'M') unit = uint64_t{1024} * 1024;
     auto const number =
         parse_number(unit == 1 ? text : text.substr(0, text.size() - 1), most / unit);
     if (!number) return std::nullopt;
