@@ -223,7 +223,8 @@ TEST_F(ToolSendToServerTest, ACancelledFileIsNotThere) {
     ASSERT_EQ(0, system("truncate -s 1000M /tmp/image.bin"));
     TerminalProcess terminal(
         {"kyp", "--timeout", "20", "send", "/tmp/image.bin", "-t", "127.0.0.1"});
-    ASSERT_TRUE(terminal.wait_for_output("image.bin   1% ["));
+    ASSERT_TRUE(terminal.wait_for_output("image.bin   0% ["));
+    ASSERT_TRUE(eventually([] { return !std::filesystem::is_empty("/var/tmp/kyp/spool"); }));
 
     terminal.interrupt();
 
